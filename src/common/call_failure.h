@@ -1,0 +1,24 @@
+#pragma once
+
+#include "logger"
+
+#include <cerrno>
+#include <cstring>
+
+namespace Vorl {
+
+/// Logs that a system call failed, with the text and number of the current errno, which is kept.
+/// @param function the reporting function
+/// @param call the system call's name
+inline void logCallFailed(const char* function, const char* call) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the C library's strerror is safe between threads
+    Syslog::error("%s: %s failed, error: %s, code: %d", function, call, strerror(errno), errno);
+}
+
+/// The same for a failure that the caller can live with.
+inline void warnCallFailed(const char* function, const char* call) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
+    Syslog::warning("%s: %s failed, error: %s, code: %d", function, call, strerror(errno), errno);
+}
+
+} // namespace Vorl

@@ -1,0 +1,97 @@
+#include "common/child_process.h"
+
+#include "common/accounts.h"
+#include "common/call_failure.h"
+#include "common/child_start.h"
+#include "common/error.h"
+#include "logger"
+
+#include <csignal>
+#include <system_error>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Vorl::Utils {
+
+namespace {
+
+int asyncWaitPid(int pid) {
+    Syslog::debug("%s: added task, pid: %d", "asyncWaitPid", pid);
+    int status = -1;
+    if (waitpid(pid, &status, 0) < 0 && errno != ECHILD)
+        logCallFailed("asyncWaitPid", "waitpid");
+    return status;
+}
+
+} // namespace
+
+int runChildProcess(const std::filesystem::path& command, std::list<std::string> arguments,
+                    std::list<std::string> environment, const char* owner, const char* logFile) {
+    std::error_code ignored;
+    if (!std::filesystem::exists(std::filesystem::status(command, ignored))) {
+        Syslog::error("%s: program not found: %s", "runChildProcess", command.c_str());
+        throw vorl_error("runChildProcess");
+    }
+    const auto account = owner != nullptr ? getUserInfo(owner, true) : nullptr;
+
+    const int pid = fork();
+    if (pid < 0) {
+        logCallFailed("runChildProcess", "fork");
+        throw vorl_error("runChildProcess");
+    }
+    if (pid == 0) {
+        Syslog::syslogChildOpen();
+        runOwnerCommand(command, std::move(arguments), std::move(environment), account.get(),
+                        logFile);
+    }
+    return pid;
+}
+
+ChildHandle runChildProcessBack(const std::filesystem::path& command,
+                                std::list<std::string> arguments,
+                                std::list<std::string> environment, const char* owner,
+                                const char* logFile) {
+    const int pid =
+        runChildProcess(command, std::move(arguments), std::move(environment), owner, logFile);
+    // The default policy on purpose: it falls back to a deferred task when there is no thread.
+    return {pid, std::async(asyncWaitPid, pid)};
+}
+
+bool runChildProcessWait(const std::filesystem::path& command, std::list<std::string> arguments,
+                         std::list<std::string> environment, const char* owner,
+                         const char* logFile) {
+    // The failures carry another name than this function's: journal queries know them by it.
+    constexpr const char* failureName = "sessionNotification";
+    try {
+        const int pid =
+            runChildProcess(command, std::move(arguments), std::move(environment), owner, logFile);
+        Syslog::debug("%s: child started, pid %d", "runChildProcessWait", pid);
+        int status = -1;
+        waitpid(pid, &status, 0);
+        syslogWaitStatus(status, "runChildProcessWait", pid);
+        return true;
+    } catch (const std::system_error& failure) {
+        Syslog::error("%s: system error: %s", failureName, failure.what());
+    } catch (const std::exception& failure) {
+        Syslog::error("%s: exception: %s", failureName, failure.what());
+    }
+    return false;
+}
+
+bool processRunning(int pid) {
+    return pid >= 1 && kill(pid, 0) == 0;
+}
+
+void syslogWaitStatus(int status, const char* caller, int pid) {
+    const int ending = status & 0x7f;
+    if (ending == 0) {
+        Syslog::debug("%s: child ended, pid: %d, exit code: %d", caller, pid, (status >> 8) & 0xff);
+    } else if (ending == 0x7f) { // stopped or continued
+        Syslog::debug("%s: child ended, pid: %d, status: %d", caller, pid, status);
+    } else {
+        Syslog::debug("%s: child ended, pid: %d, killed by signal: %d", caller, pid, ending);
+    }
+}
+
+} // namespace Vorl::Utils

@@ -1,0 +1,114 @@
+#include "common/json_config.h"
+
+#include "common/error.h"
+#include "logger"
+
+#include <fstream>
+#include <sstream>
+
+namespace Json {
+
+const Value& operator>>(const Value& value, int& number) {
+    number = value.asInt();
+    return value;
+}
+
+const Value& operator>>(const Value& value, std::string& text) {
+    text = value.asString();
+    return value;
+}
+
+const Value& operator>>(const Value& value, double& number) {
+    number = value.asDouble();
+    return value;
+}
+
+const Value& operator>>(const Value& value, bool& flag) {
+    flag = value.asBool();
+    return value;
+}
+
+} // namespace Json
+
+namespace Vorl {
+
+namespace {
+
+template<typename Container> Container textsOf(const Json::Value& member) {
+    Container texts;
+    if (!member.isArray())
+        return texts;
+    for (const Json::Value& element : member)
+        element >> texts.emplace_back();
+    return texts;
+}
+
+} // namespace
+
+bool JsonConfig::hasValue(std::string_view key) const {
+    return root.isMember(key.data());
+}
+
+std::vector<std::string> JsonConfig::getKeys() const {
+    return root.getMemberNames();
+}
+
+std::string JsonConfig::getString(const std::string& key, const std::string& fallback) const {
+    return root.get(key, fallback).asString();
+}
+
+int JsonConfig::getInteger(const std::string& key, int fallback) const {
+    return root.get(key, fallback).asInt();
+}
+
+double JsonConfig::getDouble(const std::string& key, double fallback) const {
+    return root.get(key, fallback).asDouble();
+}
+
+bool JsonConfig::getBoolean(const std::string& key, bool fallback) const {
+    return root.get(key, fallback).asBool();
+}
+
+Json::Value JsonConfig::getValue(const std::string& key) const {
+    return root.get(key, Json::Value());
+}
+
+std::list<std::string> JsonConfig::getStringList(const std::string& key) const {
+    return textsOf<std::list<std::string>>(getValue(key));
+}
+
+std::vector<std::string> JsonConfig::getVectorList(const std::string& key) const {
+    return textsOf<std::vector<std::string>>(getValue(key));
+}
+
+JsonConfigString::JsonConfigString(const std::string& text) : JsonConfig(Json::Value()) {
+    std::istringstream stream(text);
+    stream >> root;
+    if (!root.isObject()) {
+        Syslog::error("%s: config failed, not json object: `%s'", "JsonConfigString", text.c_str());
+        throw vorl_error("JsonConfigString");
+    }
+}
+
+Json::Value readJson(const std::filesystem::path& path) {
+    Syslog::info("%s: file: %s", "readJson", path.c_str());
+    Json::Value root;
+    std::ifstream file(path);
+    if (!file.is_open()) {
+        Syslog::error("%s: open failed, path: %s", "readJson", path.c_str());
+        return root;
+    }
+// The deprecated reader on purpose: its successor refuses more than strict mode does (a repeated
+// key, text after the root), which would turn away files that have worked so far.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Json::Reader reader(Json::Features::strictMode());
+#pragma GCC diagnostic pop
+    if (!reader.parse(file, root, false)) {
+        Syslog::error("%s: parse failed, path: %s, json error: `%s'", "readJson", path.c_str(),
+                      reader.getFormattedErrorMessages().c_str());
+    }
+    return root;
+}
+
+} // namespace Vorl

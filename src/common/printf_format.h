@@ -1,0 +1,50 @@
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <type_traits>
+
+namespace Vorl {
+
+/// A printf format whose conversions were compared with the types of its arguments by the compiler.
+///
+/// The compiler's own check ends where a format passes through a template, so a std::string for
+/// "%s" would print garbage at run time. Built from a literal only; a conversion that does not fit
+/// its argument, or a count that differs, does not compile. Knows what the daemon's messages use:
+/// %s (a character pointer), %d, %u (an int-sized integer or enumeration) and %%.
+template<typename... Args> class PrintfFormat {
+public:
+    // Implicit: a message is written as a plain literal at every call.
+    consteval PrintfFormat(const char* literal) : format(literal) {
+        constexpr std::size_t count = sizeof...(Args);
+        constexpr bool isText[] = {isCharacterPointer<Args>..., false};
+        constexpr bool isInt[] = {isIntSized<Args>..., false};
+        std::size_t used = 0;
+        for (const char* at = literal; *at != '\0'; ++at) {
+            if (*at != '%' || *++at == '%')
+                continue;
+            const bool fits = used < count && ((*at == 's' && isText[used]) ||
+                                               ((*at == 'd' || *at == 'u') && isInt[used]));
+            if (!fits)
+                throw "a conversion of the format does not fit its argument";
+            ++used;
+        }
+        if (used != count)
+            throw "more arguments than conversions in the format";
+    }
+
+    [[nodiscard]] constexpr const char* text() const { return format; }
+
+private:
+    template<typename T>
+    static constexpr bool isCharacterPointer =
+        std::same_as<T, char*> || std::same_as<T, const char*> || std::is_null_pointer_v<T>;
+    // Narrower integers are promoted to int on their way through "...".
+    template<typename T>
+    static constexpr bool isIntSized = (std::is_integral_v<T> || std::is_enum_v<T>)&&sizeof(T) <=
+                                       sizeof(int);
+
+    const char* format;
+};
+
+} // namespace Vorl

@@ -1,0 +1,11 @@
+#include "proxy/globals.h"
+
+namespace Vorl {
+
+std::atomic<bool> proxyRunning = false;
+
+BusLoop proxyDispatcher;
+
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores into proxyRunning");
+
+} // namespace Vorl

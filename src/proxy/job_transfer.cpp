@@ -1,0 +1,76 @@
+#include "proxy/job_transfer.h"
+
+#include "common/descriptor.h"
+#include "logger"
+#include "proxy/globals.h"
+#include "proxy/relay_step.h"
+#include "proxy/traffic_wait.h"
+
+#include <csignal>
+#include <filesystem>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Vorl {
+
+JobTransfer::JobTransfer(int client, int local, const std::string& socketFile,
+                         const std::string& samFile, TransportHandle&& shadowServer,
+                         std::uint32_t session)
+    : socketFd(client), unixFd(local), sessionId(session), socketPath(socketFile),
+      samPath(samFile) {
+    thread = std::thread(&JobTransfer::relay, this);
+    transport = std::move(shadowServer);
+}
+
+JobTransfer::~JobTransfer() {
+    running = false;
+    if (transportRunning(transport)) {
+        Syslog::debug("%s: kill transport, pid: %d", "JobTransferStopped", transport.first);
+        kill(transport.first, SIGTERM);
+    }
+    // Wakes the thread from its wait, and from a send to a client that has stopped reading.
+    shutdown(socketFd, SHUT_RDWR);
+    shutdown(unixFd, SHUT_RDWR);
+    if (thread.joinable())
+        thread.join();
+    close(socketFd);
+    close(unixFd);
+    releaseTransport(transport, "JobTransferStopped");
+
+    std::error_code ignored;
+    std::filesystem::remove(socketPath, ignored);
+    std::filesystem::remove(samPath, ignored);
+}
+
+void JobTransfer::relay() {
+    TrafficWait traffic(socketFd, unixFd);
+    std::int64_t result = 0;
+    while (result >= 0) {
+        const Traffic ready = traffic.wait();
+        if (!running || !proxyRunning)
+            break;
+        if (ready.fromClient)
+            result = jobTransferIter(socketFd, unixFd, buffer, &running);
+        if (ready.fromTransport && result >= 0)
+            result = jobTransferIter(unixFd, socketFd, buffer, &running);
+    }
+    // Once the job is being destroyed, what a step returns is the work of the destructor.
+    if (!running)
+        result = 0;
+    Syslog::debug("%s: job stopped, session id: %u, result: %s", "JobTransfer", sessionId,
+                  relayEndText(result));
+    running = false;
+}
+
+void JobTransfer::dropClient() {
+    // An unconnected socket is to the relay what a closed descriptor is: it has no input, and
+    // sending to it fails.
+    const Descriptor vacant(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!vacant || dup3(vacant.get(), socketFd, O_CLOEXEC) < 0)
+        shutdown(socketFd, SHUT_RDWR);
+}
+
+} // namespace Vorl

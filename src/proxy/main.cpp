@@ -1,0 +1,89 @@
+#include "bus/signal_filter.h"
+#include "common/accounts.h"
+#include "logger"
+#include "proxy/command_line.h"
+#include "proxy/globals.h"
+#include "proxy/proxy_connection.h"
+#include "proxy/termination_signals.h"
+
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+
+#include <unistd.h>
+
+namespace Vorl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool isPresent(const fs::path& path) {
+    std::error_code ignored;
+    return fs::exists(fs::status(path, ignored));
+}
+
+/// Whatever goes wrong here, the daemon goes on as it is: the log has the reason.
+void becomeUser(CommandLine& commandLine) {
+    if (commandLine.user.empty() || getuid() != 0)
+        return;
+    // The account's home directory becomes the current one, which is not where the file was found.
+    commandLine.configPath = fs::absolute(commandLine.configPath);
+    if (const auto account = Utils::getUserInfo(commandLine.user, true))
+        Utils::switchToUser(*account);
+}
+
+void runProxy(DBus::Connection& connection, const std::string& configPath) {
+    const SignalFilter filter(connection);
+    ProxyConnection proxy(connection, configPath, "/net/qarel/vorl", "net.qarel.vorl");
+    proxy.start();
+}
+
+/// Ends with the log, not with an exit status, which is 0 for every failure from here on.
+void runAndReport(DBus::Connection& connection, const std::string& configPath) {
+    try {
+        runProxy(connection, configPath);
+    } catch (const DBus::Error& failure) {
+        Syslog::error("dbus error: %s", failure.what());
+    } catch (const fs::filesystem_error& failure) {
+        // No blank after "path2:": the line is known to log readers so.
+        Syslog::error(
+            "exception: what: `%s', path1: `%s', path2:`%s', code value: %d, code message: "
+            "`%s', category name: `%s'",
+            failure.what(), failure.path1().c_str(), failure.path2().c_str(),
+            failure.code().value(), failure.code().message().c_str(),
+            failure.code().category().name());
+    } catch (const std::exception& failure) {
+        Syslog::error("exception: %s", failure.what());
+    }
+}
+
+} // namespace
+
+} // namespace Vorl
+
+int main(int argc, char** argv) {
+    using namespace Vorl;
+
+    auto commandLine = parseCommandLine(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
+    if (!commandLine) {
+        std::cout << usageText(argv[0]);
+        return 0;
+    }
+    if (!isPresent(commandLine->configPath)) {
+        std::cerr << "config not found" << std::endl;
+        return 1;
+    }
+    becomeUser(*commandLine);
+    if (commandLine->background && fork() != 0)
+        return 0;
+
+    holdTerminationSignals();
+    installTerminationHandlers(commandLine->background);
+    DBus::default_dispatcher = &proxyDispatcher;
+    // Without a system bus the uncaught exception ends the process: there is nothing to report to.
+    DBus::Connection connection = DBus::Connection::SystemBus();
+    proxyDispatcher.attach(connection);
+    runAndReport(connection, commandLine->configPath);
+    return 0;
+}

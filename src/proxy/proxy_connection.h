@@ -1,0 +1,136 @@
+#pragma once
+
+#include "common/descriptor.h"
+#include "common/json_config.h"
+#include "logger"
+#include "proxy/job_transfer.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <future>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <dbus-c++/dbus.h>
+#include <vorl_proxy.h>
+
+namespace Vorl {
+
+/// The daemon's one central object: the client of the session service, the owner of the
+/// configuration, of the relay jobs and of the one listener that may be active at a time.
+///
+/// Its life (start, the periodic task, admission) is in running_life.cpp, the way of one connection
+/// in acceptance.cpp, transport_launch.cpp and transport_args.cpp.
+class ProxyConnection : public Syslog,
+                        public net::qarel::vorl_proxy,
+                        public DBus::IntrospectableProxy,
+                        public DBus::ObjectProxy {
+public:
+    /// @param configFile a strict JSON file; watched from start() on
+    /// @throws vorl_error("ProxyConnection") after an error line: the configuration is no JSON
+    ///         object, the home directory is missing, or the work directory cannot be trusted
+    /// @throws std::filesystem::filesystem_error the work directory cannot be made
+    ProxyConnection(DBus::Connection& connection, const std::string& configFile,
+                    const char* objectPath, const char* busName);
+    ProxyConnection(const ProxyConnection&) = delete;
+    ProxyConnection& operator=(const ProxyConnection&) = delete;
+
+    /// Ends the listener, waits for it, and ends every relay with its shadow server.
+    ~ProxyConnection() override;
+
+    // Bus signals: main thread, inside libdbus's C frames. No exception leaves them.
+    void signalSessionCreated(const std::uint32_t& /*sessionId*/) override {}
+    void signalSessionConnected(const std::uint32_t& /*first*/, const std::uint32_t& /*second*/,
+                                const std::string& /*text*/) override {}
+    void signalSessionShutdown(const std::uint32_t& /*sessionId*/) override {}
+    void signalTransportDisplaySwitchTo(const std::int32_t& /*first*/,
+                                        const std::int32_t& /*second*/,
+                                        const std::string& /*text*/) override {}
+    /// Ends the session's relay with that shadow server, and a listener that waits for the session.
+    void signalSessionDisconnected(const std::uint32_t& sessionId, const std::uint32_t& pid,
+                                   const std::string& remoteAddress) override;
+    /// Admits one client, unless another is still being waited for: then the allowance is dropped.
+    void signalProxyAllowConnection(const std::uint32_t& sessionId,
+                                    const std::uint32_t& second) override;
+    void signalProxyListenTimeout(const std::uint32_t& seconds) override;
+    void signalVorlStopped() override;
+
+    /// Checks the session service and runs the bus loop until the daemon is told to stop. Main
+    /// thread. Returns at once when the service's answer is empty.
+    /// @throws DBus::Error when the service does not answer
+    void start();
+
+    /// Reads the configuration file again when it has changed. Periodic task.
+    /// @return true when a new configuration is in force
+    bool reloadConfigWatcher();
+
+    /// Seconds: the larger of what the configuration and the session service want.
+    [[nodiscard]] std::uint32_t currentListenTimeout() const;
+
+    /// The number of the session's relays, ended ones that were not swept yet included.
+    [[nodiscard]] std::size_t jobMultiSession(const std::uint32_t& sessionId) const;
+
+private:
+    // running_life.cpp
+    void periodicTask();
+    /// @return false when the list is in use elsewhere: try again at the next turn
+    bool sweepFinishedJobs();
+    void launchAcceptance(std::uint32_t sessionId, std::uint32_t second);
+    bool runAcceptance(std::uint32_t sessionId, std::uint32_t second);
+
+    // acceptance.cpp: on the acceptance task's thread
+    bool actionCreateTransport(const std::uint32_t& sessionId, const std::uint32_t& second);
+    bool waitForClient(int listener, std::uint32_t sessionId) const;
+    void setSocketPolicy(int client) const;
+    bool createJob(Descriptor& client, TransportHandle& transport, const std::string& socketPath,
+                   const std::string& samPath, std::uint32_t sessionId, std::uint64_t ordinal,
+                   const std::string& remoteAddress);
+    void registerJob(Descriptor& client, Descriptor& local, TransportHandle& transport,
+                     const std::string& socketPath, const std::string& samPath,
+                     std::uint32_t sessionId, const std::string& remoteAddress);
+
+    // transport_launch.cpp: starts the shadow server for the session
+    /// @throws vorl_error, DBus::Error or Json::Exception when it cannot be started
+    [[nodiscard]] TransportHandle requestRdpTransport(const std::string& socketPath,
+                                                      const std::string& samPath,
+                                                      const std::uint32_t& sessionId,
+                                                      std::uint64_t ordinal);
+
+    // transport_args.cpp
+    /// The shadow server's arguments. Writes the SAM file when the session wants one.
+    /// @param builtIn the program is the one that came with the daemon and knows its own options
+    /// @throws vorl_error("prepareX11RdpArgs") after an error line
+    [[nodiscard]] std::list<std::string> prepareX11RdpArgs(const std::string& socketPath,
+                                                           const std::string& samPath,
+                                                           const JsonConfig& session,
+                                                           bool builtIn) const;
+
+    /// The configuration in force. A reload replaces it whole; who holds the old one keeps it.
+    [[nodiscard]] std::shared_ptr<const JsonConfig> configuration() const;
+
+    mutable std::mutex configMutex;           // guards the pointer below, never held with another
+    std::shared_ptr<const JsonConfig> config; // replaced by the periodic task
+
+    // Also held while jobs are destroyed, and while the session service is told of a new job.
+    mutable std::mutex jobsMutex;
+    std::list<JobTransfer> jobs; // under jobsMutex
+
+    const std::string configPath;
+    std::filesystem::path home;
+    std::atomic<std::time_t> configTime = 0; // last seen modification time; periodic task
+
+    /// The session whose listener is or was last active. Set by the main thread, back to 0 by the
+    /// acceptance task when it returns normally.
+    std::atomic<std::uint32_t> listeningSessionId = 0;
+    std::atomic<bool> listenCancel = false; // main thread; polled by the acceptance task
+    std::atomic<bool> accepting = false; // set by the main thread, cleared by the acceptance task
+    std::future<bool> listener;          // the acceptance task; only the main thread
+    std::atomic<std::uint32_t> serviceListenTimeout = 0; // main thread; read by the acceptance task
+};
+
+} // namespace Vorl

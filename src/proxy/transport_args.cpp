@@ -1,0 +1,107 @@
+#include "common/call_failure.h"
+#include "common/descriptor.h"
+#include "common/error.h"
+#include "common/strings.h"
+#include "proxy/proxy_connection.h"
+
+#include <string_view>
+#include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace Vorl {
+
+namespace {
+
+constexpr const char* function = "prepareX11RdpArgs";
+
+/// The entry with the placeholder filled. A value that would bring the placeholder back, by itself
+/// or together with the text around it, is refused: replacing it would never end.
+std::string fill(const std::string& entry, std::string_view placeholder, const std::string& value) {
+    std::string once;
+    std::string_view rest = entry;
+    for (auto at = rest.find(placeholder); at != std::string_view::npos;
+         at = rest.find(placeholder)) {
+        once.append(rest.substr(0, at)).append(value);
+        rest.remove_prefix(at + placeholder.size());
+    }
+    once.append(rest);
+    if (once.find(placeholder) != std::string::npos) {
+        Syslog::error("%s: session description refused, value holds its own placeholder: `%s'",
+                      function, value.c_str());
+        throw vorl_error(function);
+    }
+    return Utils::stringReplace(entry, placeholder, value);
+}
+
+/// @return false, without a message, when the file cannot be opened
+/// @throws vorl_error after an error line when it could not be written whole: the shadow server
+///         must not see half of it
+bool writeSamFile(const std::string& path, const std::string& line) {
+    const Descriptor file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        return false;
+    const std::string text = line + '\n';
+    const ssize_t written = write(file.get(), text.data(), text.size());
+    if (written != static_cast<ssize_t>(text.size())) {
+        logCallFailed(function, "write");
+        unlink(path.c_str());
+        throw vorl_error(function);
+    }
+    return true;
+}
+
+const char* transportLogLevel(const JsonConfig& settings) {
+    if (settings.getBoolean("transport:debug"))
+        return "DEBUG";
+    const bool chatty =
+        Syslog::isDebugLevel(DebugLevel::Debug) || Syslog::isDebugLevel(DebugLevel::Info);
+    return chatty ? "INFO" : "ERROR";
+}
+
+} // namespace
+
+std::list<std::string> ProxyConnection::prepareX11RdpArgs(const std::string& socketPath,
+                                                          const std::string& samPath,
+                                                          const JsonConfig& session,
+                                                          bool builtIn) const {
+    const auto settings = configuration();
+    std::list<std::string> arguments = settings->getStringList("x11rdp:args");
+    if (arguments.empty())
+        arguments = {"/ipc-socket:%{socket}", "/max-connections:1"};
+    for (std::string& argument : arguments) {
+        argument = fill(argument, "%{socket}", socketPath);
+        argument = Utils::stringReplace(argument, "%{display}", session.getInteger("display"));
+        argument = fill(argument, "%{authfile}", session.getString("xauthfile"));
+        argument = fill(argument, "%{home}", session.getString("home"));
+    }
+
+    if (builtIn && settings->hasValue("kerberos:keytab")) {
+        const std::string keytab = settings->getString("kerberos:keytab");
+        std::error_code ignored;
+        if (std::filesystem::exists(keytab, ignored))
+            arguments.push_back("/keytab:" + keytab);
+        else
+            Syslog::warning("%s: keytab not exists, path: `%s'", function, keytab.c_str());
+    }
+
+    arguments.emplace_back(session.getBoolean("sec:rdp") ? "+sec-rdp" : "-sec-rdp");
+    if (session.getBoolean("sec:nla")) {
+        const std::string ntlm = session.getString("ntlm");
+        arguments.emplace_back("+sec-nla");
+        if (!ntlm.empty() && writeSamFile(samPath, ntlm))
+            arguments.push_back("/sam-file:" + samPath);
+    } else {
+        arguments.emplace_back("-sec-nla");
+    }
+    arguments.emplace_back(session.getBoolean("sec:tls") ? "+sec-tls" : "-sec-tls");
+    if (session.getBoolean("sec:auth", true)) // there is no negative form
+        arguments.emplace_back("+auth");
+    if (builtIn)
+        arguments.push_back(std::string("/log-level:") + transportLogLevel(*settings));
+    return arguments;
+}
+
+} // namespace Vorl

@@ -1,0 +1,75 @@
+#include "proxy/transport_handle.h"
+
+#include "logger"
+#include "proxy/globals.h"
+
+#include <csignal>
+#include <thread>
+
+#include <sys/wait.h>
+
+namespace Vorl {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto terminationGrace = 3s;
+
+/// Looks at a child without reaping it.
+bool hasEnded(int pid) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) < 0 ||
+           info.si_pid == pid;
+}
+
+bool waitForEnd(const TransportHandle& transport, std::chrono::milliseconds limit) {
+    const auto& [pid, status] = transport;
+    if (status.wait_for(0ms) != std::future_status::deferred)
+        return status.wait_for(limit) == std::future_status::ready;
+
+    // There was no thread for the waiter: the child is reaped when the future's value is taken.
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!hasEnded(pid)) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+void reap(TransportHandle& transport, const char* caller) {
+    Utils::syslogWaitStatus(transport.second.get(), caller, transport.first);
+}
+
+} // namespace
+
+bool transportRunning(const TransportHandle& transport) {
+    return !waitForEnd(transport, 0ms) && Utils::processRunning(transport.first);
+}
+
+void terminateTransport(const TransportHandle& transport) {
+    if (transportRunning(transport))
+        kill(transport.first, SIGTERM);
+}
+
+void awaitTransport(TransportHandle& transport, const char* caller) {
+    while (proxyRunning) {
+        if (waitForEnd(transport, 100ms)) {
+            reap(transport, caller);
+            return;
+        }
+    }
+    terminateTransport(transport);
+    releaseTransport(transport, caller);
+}
+
+void releaseTransport(TransportHandle& transport, const char* caller) {
+    if (!waitForEnd(transport, terminationGrace) && transportRunning(transport)) {
+        Syslog::warning("%s: transport does not end, killed, pid: %d", caller, transport.first);
+        kill(transport.first, SIGKILL);
+    }
+    reap(transport, caller);
+}
+
+} // namespace Vorl

@@ -1,0 +1,86 @@
+#include "common/error.h"
+#include "common/strings.h"
+#include "proxy/proxy_connection.h"
+#include "proxy/work_directory.h"
+
+#include <algorithm>
+#include <system_error>
+
+namespace Vorl {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* defaultProgram = "/usr/libexec/vorl/freerdp-shadow-cli";
+
+bool exists(const fs::path& path) {
+    std::error_code ignored;
+    return fs::exists(path, ignored);
+}
+
+/// The shadow server's program: the configured one, or the first of the usual places where one is.
+std::string findProgram(const JsonConfig& settings) {
+    std::string configured = settings.getString("x11rdp:path", defaultProgram);
+    if (exists(configured))
+        return configured;
+    for (const char* usual :
+         {defaultProgram, "/usr/bin/freerdp-shadow-cli", "/usr/local/bin/freerdp-shadow-cli"}) {
+        if (exists(usual)) {
+            Syslog::warning("%s: rdp transport changed to: `%s'", "requestRdpTransport", usual);
+            return usual;
+        }
+    }
+    Syslog::error("%s: rdp transport not found, check config option: `%s'", "requestRdpTransport",
+                  "x11rdp:path");
+    throw vorl_error("requestRdpTransport");
+}
+
+/// NAME=value entries for the shadow server.
+std::list<std::string> transportEnvironment(const JsonConfig& settings, const JsonConfig& session) {
+    std::list<std::string> environment{
+        Utils::joinString("DISPLAY=:", session.getInteger("display")),
+        "XAUTHORITY=" + session.getString("xauthfile"),
+        "FREERDP_STRONG_SESSION_CHECK=1",
+        "SESSION_USER=" + session.getString("username"),
+    };
+    const std::string realm = settings.getString("kerberos:realm");
+    if (settings.getBoolean("check:domain") && !realm.empty())
+        environment.push_back("SESSION_DOMAIN=" + realm);
+    if (settings.getBoolean("transport:shm")) {
+        environment.emplace_back("FREERDP_SHM_ENABLED=1");
+        environment.emplace_back("FREERDP_SHM_ANY=1");
+    }
+    if (settings.hasValue("transport:fps")) {
+        environment.push_back(
+            Utils::joinString("FREERDP_FRAME_RATE=", settings.getInteger("transport:fps")));
+    }
+    return environment;
+}
+
+} // namespace
+
+TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPath,
+                                                     const std::string& samPath,
+                                                     const std::uint32_t& sessionId,
+                                                     std::uint64_t ordinal) {
+    Syslog::info("%s: session id: %u", "requestRdpTransport", sessionId);
+    const JsonConfigString session(vorlSessionInfoJson(sessionId));
+    const auto settings = configuration();
+    const std::string program = findProgram(*settings);
+    const bool builtIn = program.starts_with("/usr/libexec/vorl/");
+
+    std::list<std::string> arguments = prepareX11RdpArgs(socketPath, samPath, session, builtIn);
+    std::list<std::string> environment = transportEnvironment(*settings, session);
+    Syslog::debug("%s: display: %d, session id: %u, cmd: %s, args: [ %s ]", "requestRdpTransport",
+                  session.getInteger("display"), sessionId, program.c_str(),
+                  Utils::joinList(arguments).c_str());
+
+    const fs::path logFile =
+        workDirectory(home) /
+        Utils::joinString("rdp_transport_", session.getInteger("uid"), "_", ordinal, ".log");
+    return Utils::runChildProcessBack(program, std::move(arguments), std::move(environment),
+                                      nullptr, logFile.c_str());
+}
+
+} // namespace Vorl
