@@ -125,13 +125,11 @@ bool switchToUser(const UserInfo& account) {
     }
 
     // Called before any other thread exists: at start, or in a freshly forked child.
-    // NOLINTBEGIN(concurrency-mt-unsafe)
     setenv("USER", account.user.c_str(), 1);
     setenv("LOGNAME", account.user.c_str(), 1);
     setenv("HOME", account.home.c_str(), 1);
     setenv("SHELL", account.shell.c_str(), 1);
     setenv("TERM", "linux", 1);
-    // NOLINTEND(concurrency-mt-unsafe)
     return true;
 }
 

@@ -11,13 +11,11 @@ namespace Vorl {
 /// @param function the reporting function
 /// @param call the system call's name
 inline void logCallFailed(const char* function, const char* call) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the C library's strerror is safe between threads
     Syslog::error("%s: %s failed, error: %s, code: %d", function, call, strerror(errno), errno);
 }
 
 /// The same for a failure that the caller can live with.
 inline void warnCallFailed(const char* function, const char* call) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     Syslog::warning("%s: %s failed, error: %s, code: %d", function, call, strerror(errno), errno);
 }
 

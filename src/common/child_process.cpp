@@ -26,8 +26,9 @@ int asyncWaitPid(int pid) {
 
 } // namespace
 
-int runChildProcess(const std::filesystem::path& command, std::list<std::string> arguments,
-                    std::list<std::string> environment, const char* owner, const char* logFile) {
+int runChildProcess(const std::filesystem::path& command, const std::list<std::string>& arguments,
+                    const std::list<std::string>& environment, const char* owner,
+                    const char* logFile) {
     std::error_code ignored;
     if (!std::filesystem::exists(std::filesystem::status(command, ignored))) {
         Syslog::error("%s: program not found: %s", "runChildProcess", command.c_str());
@@ -42,30 +43,28 @@ int runChildProcess(const std::filesystem::path& command, std::list<std::string>
     }
     if (pid == 0) {
         Syslog::syslogChildOpen();
-        runOwnerCommand(command, std::move(arguments), std::move(environment), account.get(),
-                        logFile);
+        runOwnerCommand(command, arguments, environment, account.get(), logFile);
     }
     return pid;
 }
 
 ChildHandle runChildProcessBack(const std::filesystem::path& command,
-                                std::list<std::string> arguments,
-                                std::list<std::string> environment, const char* owner,
+                                const std::list<std::string>& arguments,
+                                const std::list<std::string>& environment, const char* owner,
                                 const char* logFile) {
-    const int pid =
-        runChildProcess(command, std::move(arguments), std::move(environment), owner, logFile);
+    const int pid = runChildProcess(command, arguments, environment, owner, logFile);
     // The default policy on purpose: it falls back to a deferred task when there is no thread.
     return {pid, std::async(asyncWaitPid, pid)};
 }
 
-bool runChildProcessWait(const std::filesystem::path& command, std::list<std::string> arguments,
-                         std::list<std::string> environment, const char* owner,
+bool runChildProcessWait(const std::filesystem::path& command,
+                         const std::list<std::string>& arguments,
+                         const std::list<std::string>& environment, const char* owner,
                          const char* logFile) {
     // The failures carry another name than this function's: journal queries know them by it.
     constexpr const char* failureName = "sessionNotification";
     try {
-        const int pid =
-            runChildProcess(command, std::move(arguments), std::move(environment), owner, logFile);
+        const int pid = runChildProcess(command, arguments, environment, owner, logFile);
         Syslog::debug("%s: child started, pid %d", "runChildProcessWait", pid);
         int status = -1;
         waitpid(pid, &status, 0);

@@ -24,22 +24,23 @@ using ChildHandle = std::pair<int, std::future<int>>;
 /// @throws vorl_error("runChildProcess") after an error line when there is no such program or
 ///         fork(2) fails
 [[nodiscard]] int runChildProcess(const std::filesystem::path& command,
-                                  std::list<std::string> arguments,
-                                  std::list<std::string> environment, const char* owner = nullptr,
-                                  const char* logFile = nullptr);
+                                  const std::list<std::string>& arguments,
+                                  const std::list<std::string>& environment,
+                                  const char* owner = nullptr, const char* logFile = nullptr);
 
 /// As runChildProcess, with a thread of its own that waits for the child. If no thread can be had,
 /// the child is reaped when the future is first waited on.
 [[nodiscard]] ChildHandle runChildProcessBack(const std::filesystem::path& command,
-                                              std::list<std::string> arguments,
-                                              std::list<std::string> environment,
+                                              const std::list<std::string>& arguments,
+                                              const std::list<std::string>& environment,
                                               const char* owner = nullptr,
                                               const char* logFile = nullptr);
 
 /// As runChildProcess, and waits until the child has ended, with its status in the log.
 /// @return false after an error line when an exception ended it
-bool runChildProcessWait(const std::filesystem::path& command, std::list<std::string> arguments,
-                         std::list<std::string> environment, const char* owner = nullptr,
+bool runChildProcessWait(const std::filesystem::path& command,
+                         const std::list<std::string>& arguments,
+                         const std::list<std::string>& environment, const char* owner = nullptr,
                          const char* logFile = nullptr);
 
 /// Whether a signal could be sent to the process: also true for one that has ended but was not

@@ -44,9 +44,9 @@ void switchToOwner(const UserInfo& owner) {
 std::filesystem::path ownerLogDirectory(const UserInfo& owner) {
     namespace fs = std::filesystem;
     std::error_code ignored;
-    const fs::path directory = fs::is_directory(owner.home, ignored)
-                                   ? fs::path(owner.home) / ".vorl"
-                                   : fs::path("/tmp") / (".vorl_" + owner.user);
+    fs::path directory = fs::is_directory(owner.home, ignored)
+                             ? fs::path(owner.home) / ".vorl"
+                             : fs::path("/tmp") / (".vorl_" + owner.user);
     if (!fs::is_directory(directory, ignored)) {
         fs::create_directory(directory, ignored);
         fs::permissions(directory, fs::perms::group_all | fs::perms::others_all,
@@ -76,8 +76,8 @@ void closeDescriptorsOnExec() {
 
 } // namespace
 
-void runOwnerCommand(const std::filesystem::path& command, std::list<std::string> arguments,
-                     std::list<std::string> environment, const UserInfo* owner,
+void runOwnerCommand(const std::filesystem::path& command, const std::list<std::string>& arguments,
+                     const std::list<std::string>& environment, const UserInfo* owner,
                      const char* logFile) {
     Syslog::debug("%s: cmd: `%s', owner: `%s', pid: %d, process uid: %d", "runOwnerCommand",
                   command.c_str(), owner != nullptr ? owner->user.c_str() : nullptr, getpid(),

@@ -20,8 +20,8 @@ namespace Vorl::Utils {
 /// @param logFile receives standard output and error; null chooses /dev/null, or a file in the
 ///                owner's directory for logs when there is an owner
 [[noreturn]] void runOwnerCommand(const std::filesystem::path& command,
-                                  std::list<std::string> arguments,
-                                  std::list<std::string> environment, const UserInfo* owner,
+                                  const std::list<std::string>& arguments,
+                                  const std::list<std::string>& environment, const UserInfo* owner,
                                   const char* logFile);
 
 /// The first argument, the others in their order, and a null pointer.

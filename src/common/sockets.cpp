@@ -25,7 +25,6 @@ int tcpListen(std::string_view address, std::uint16_t port, int backlog) {
     if (const int result = setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &enable, sizeof enable);
         result < 0) {
         // The code is the call's own -1, not errno: readers of the journal know the line so.
-        // NOLINTNEXTLINE(concurrency-mt-unsafe)
         Syslog::warning("%s: socket reuseaddr failed, error: %s, code: %d", "tcpListen",
                         strerror(errno), result);
     }

@@ -44,7 +44,6 @@ void setSocketOption(int fd, int level, int option, int value, const char* label
         Syslog::info("%s: socket set policy: %s = %u", task, label, value);
     } else {
         // The code is the call's own -1, not errno: readers of the journal know the line so.
-        // NOLINTNEXTLINE(concurrency-mt-unsafe)
         Syslog::warning("%s: socket %s failed, error: %s, code: %d", task, label, strerror(errno),
                         result);
     }

@@ -4,6 +4,7 @@
 #include "common/json_config.h"
 #include "logger"
 #include "proxy/job_transfer.h"
+#include "proxy/service_manager.h"
 
 #include <atomic>
 #include <cstddef>
@@ -130,6 +131,7 @@ private:
     std::atomic<bool> listenCancel = false; // main thread; polled by the acceptance task
     std::atomic<bool> accepting = false; // set by the main thread, cleared by the acceptance task
     std::future<bool> listener;          // the acceptance task; only the main thread
+    ServiceManager serviceManager;       // start(), then the periodic task
     std::atomic<std::uint32_t> serviceListenTimeout = 0; // main thread; read by the acceptance task
 };
 

@@ -42,6 +42,7 @@ void ProxyConnection::start() {
     Syslog::notice("%s: started, version %s, pid: %d, uid: %d", "start",
                    productVersion("PROXY").c_str(), getpid(), getuid());
 
+    serviceManager.ready();
     proxyRunning = true;
     deliverTerminationSignals();
     std::thread periodic(&ProxyConnection::periodicTask, this);
@@ -73,6 +74,7 @@ void ProxyConnection::periodicTask() {
             lastSweep = now;
         std::this_thread::sleep_for(periodicSleep);
     }
+    serviceManager.stopping();
     proxyDispatcher.leave();
 
     // The acceptance task sees the end of proxyRunning by itself, but not inside a bus call, where
@@ -95,6 +97,8 @@ bool ProxyConnection::sweepFinishedJobs() {
         }
     }
     jobs.remove_if([](const JobTransfer& job) { return !job.isRunning(); });
+    serviceManager.showActivity(jobs.size(), accepting ? std::optional(listeningSessionId.load())
+                                                       : std::nullopt);
     return true;
 }
 

@@ -26,8 +26,8 @@ public:
 
 private:
     struct Direction {
-        int source;
-        int destination;
+        int source = -1;
+        int destination = -1;
         bool held = false; // the source has input that the destination could not take
     };
 

@@ -70,8 +70,9 @@ TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPa
     const std::string program = findProgram(*settings);
     const bool builtIn = program.starts_with("/usr/libexec/vorl/");
 
-    std::list<std::string> arguments = prepareX11RdpArgs(socketPath, samPath, session, builtIn);
-    std::list<std::string> environment = transportEnvironment(*settings, session);
+    const std::list<std::string> arguments =
+        prepareX11RdpArgs(socketPath, samPath, session, builtIn);
+    const std::list<std::string> environment = transportEnvironment(*settings, session);
     Syslog::debug("%s: display: %d, session id: %u, cmd: %s, args: [ %s ]", "requestRdpTransport",
                   session.getInteger("display"), sessionId, program.c_str(),
                   Utils::joinList(arguments).c_str());
@@ -79,8 +80,7 @@ TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPa
     const fs::path logFile =
         workDirectory(home) /
         Utils::joinString("rdp_transport_", session.getInteger("uid"), "_", ordinal, ".log");
-    return Utils::runChildProcessBack(program, std::move(arguments), std::move(environment),
-                                      nullptr, logFile.c_str());
+    return Utils::runChildProcessBack(program, arguments, environment, nullptr, logFile.c_str());
 }
 
 } // namespace Vorl

@@ -25,8 +25,7 @@ bool isTrusted(const fs::path& directory) {
 } // namespace
 
 fs::path findHomeDirectory() {
-    const char* variable =
-        std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe): no other thread yet
+    const char* variable = std::getenv("HOME");
     fs::path home = variable != nullptr ? variable : "/tmp";
     if (!fs::exists(fs::status(home))) {
         Syslog::error("%s: home not found, path: `%s', uid: %d", "ProxyConnection", home.c_str(),
