@@ -34,6 +34,17 @@ namespace Vorl {
 
 namespace {
 
+/// The library's error says what is wrong with a value, but not with which.
+template<typename Result>
+Result convert(const Json::Value& root, const std::string& key, const Result& fallback,
+               Result (Json::Value::*conversion)() const) {
+    try {
+        return (root.get(key, fallback).*conversion)();
+    } catch (const Json::LogicError& error) {
+        throw Json::LogicError("key `" + key + "': " + error.what());
+    }
+}
+
 template<typename Container> Container textsOf(const Json::Value& member) {
     Container texts;
     if (!member.isArray())
@@ -54,19 +65,19 @@ std::vector<std::string> JsonConfig::getKeys() const {
 }
 
 std::string JsonConfig::getString(const std::string& key, const std::string& fallback) const {
-    return root.get(key, fallback).asString();
+    return convert(root, key, fallback, &Json::Value::asString);
 }
 
 int JsonConfig::getInteger(const std::string& key, int fallback) const {
-    return root.get(key, fallback).asInt();
+    return convert(root, key, fallback, &Json::Value::asInt);
 }
 
 double JsonConfig::getDouble(const std::string& key, double fallback) const {
-    return root.get(key, fallback).asDouble();
+    return convert(root, key, fallback, &Json::Value::asDouble);
 }
 
 bool JsonConfig::getBoolean(const std::string& key, bool fallback) const {
-    return root.get(key, fallback).asBool();
+    return convert(root, key, fallback, &Json::Value::asBool);
 }
 
 Json::Value JsonConfig::getValue(const std::string& key) const {

@@ -15,7 +15,7 @@ namespace Vorl {
 ///
 /// Keys are flat: "listen:port" is the literal name of one member, the colon does not nest.
 /// A member that is present always wins over the default, even a null (0, "", 0.0 or false).
-/// A member that cannot be converted throws Json::LogicError, which no getter catches.
+/// A member that cannot be converted throws Json::LogicError, whose text names the key.
 class JsonConfig {
 public:
     /// @param value an object (or null, which has no members)

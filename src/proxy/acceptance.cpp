@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -29,7 +30,7 @@ constexpr const char* task = "actionCreateTransport";
 constexpr int clientPollMilliseconds = 1;
 constexpr int clientPauseMilliseconds = 250;
 constexpr auto socketLimit = 5s;
-constexpr auto socketPause = 50ms;
+constexpr auto socketPause = 10ms;
 constexpr int connectAttempts = 5;
 constexpr auto connectPause = 50ms;
 
@@ -59,6 +60,15 @@ void removeStaleSocket(const fs::path& path) {
     std::error_code ignored;
     if (isSocket(path))
         fs::remove(path, ignored);
+}
+
+/// Keeps one descriptor for the connection to the shadow server: without it, a shadow server would
+/// be started that cannot be reached and does not end.
+Descriptor reserveDescriptor() {
+    Descriptor reserved(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!reserved)
+        throw std::system_error(errno, std::generic_category(), "no descriptor left");
+    return reserved;
 }
 
 /// @return false after an error line when the shadow server has made no socket in time, or the
@@ -175,6 +185,7 @@ bool ProxyConnection::createJob(Descriptor& client, TransportHandle& transport,
                                 const std::string& remoteAddress) {
     try {
         removeStaleSocket(socketPath);
+        Descriptor reserved = reserveDescriptor();
         transport = requestRdpTransport(socketPath, samPath, sessionId, ordinal);
         if (!waitForSocket(socketPath, sessionId)) {
             client.reset();
@@ -182,6 +193,7 @@ bool ProxyConnection::createJob(Descriptor& client, TransportHandle& transport,
             releaseTransport(transport, task);
             return false;
         }
+        reserved.reset();
         Descriptor local = connectToTransport(socketPath);
         if (!local) {
             client.reset();
