@@ -1,20 +1,17 @@
-#include "common/call_failure.h"
 #include "common/readiness.h"
 #include "common/sockets.h"
 #include "common/strings.h"
+#include "proxy/client_socket.h"
 #include "proxy/globals.h"
 #include "proxy/proxy_connection.h"
 #include "proxy/work_directory.h"
 
+#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <system_error>
 #include <thread>
 
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 
 namespace Vorl {
 
@@ -36,18 +33,6 @@ constexpr auto connectPause = 50ms;
 
 void logEnd(const char* reason, std::uint32_t sessionId) {
     Syslog::error("%s: exception: %s, session id: %u", task, reason, sessionId);
-}
-
-/// @param label the option's name in the log, which is not always the constant's
-void setSocketOption(int fd, int level, int option, int value, const char* label) {
-    const int result = setsockopt(fd, level, option, &value, sizeof value);
-    if (result == 0) {
-        Syslog::info("%s: socket set policy: %s = %u", task, label, value);
-    } else {
-        // The code is the call's own -1, not errno: readers of the journal know the line so.
-        Syslog::warning("%s: socket %s failed, error: %s, code: %d", task, label, strerror(errno),
-                        result);
-    }
 }
 
 bool isSocket(const fs::path& path) {
@@ -101,6 +86,18 @@ Descriptor connectToTransport(const std::string& path) {
 
 } // namespace
 
+/// An accepted client on its way to a relay job. Client and transport are empty once they were let
+/// go or belong to the job; the transport also before it is launched.
+struct ProxyConnection::Admission {
+    std::uint32_t sessionId;
+    std::uint64_t ordinal;
+    std::string socketPath;
+    std::string samPath;
+    std::string remoteAddress;
+    Descriptor client;
+    TransportHandle transport;
+};
+
 bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
                                             const std::uint32_t& second) {
     const int port = configuration()->getInteger("listen:port", 3389);
@@ -116,7 +113,7 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
     listening.reset(); // no second client on this allowance
     if (!client)
         return false;
-    setSocketPolicy(client.get());
+    setClientSocketPolicy(client.get(), *configuration());
     Syslog::debug("%s: session id: %u, remote addr: %s, fd: %d", task, sessionId,
                   remoteAddress.c_str(), client.get());
     proxyClientConnected(sessionId, remoteAddress);
@@ -124,15 +121,17 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
     // Tells the files of several connections to one session apart.
     const std::uint64_t ordinal = jobMultiSession(sessionId);
     const fs::path directory = workDirectory(home);
-    const std::string socketPath = directory / Utils::joinString("proxy_", sessionId, "_", ordinal);
-    const std::string samPath = directory / Utils::joinString("sam_", second, "_", ordinal);
-
-    TransportHandle transport;
-    const bool created =
-        createJob(client, transport, socketPath, samPath, sessionId, ordinal, remoteAddress);
-    client.reset(); // let go before the wait for a shadow server that has to end first
-    if (transport.second.valid())
-        awaitTransport(transport, task);
+    Admission admission{sessionId,
+                        ordinal,
+                        directory / Utils::joinString("proxy_", sessionId, "_", ordinal),
+                        directory / Utils::joinString("sam_", second, "_", ordinal),
+                        remoteAddress,
+                        std::move(client),
+                        {}};
+    const bool created = createJob(admission);
+    admission.client.reset(); // let go before the wait for a shadow server that has to end first
+    if (admission.transport.second.valid())
+        awaitTransport(admission.transport, task);
     return created;
 }
 
@@ -160,29 +159,8 @@ bool ProxyConnection::waitForClient(int listeningFd, std::uint32_t sessionId) co
     return false;
 }
 
-void ProxyConnection::setSocketPolicy(int client) const {
-    const auto settings = configuration();
-    if (settings->getBoolean("tcp:keepalive:enable", true)) {
-        setSocketOption(client, SOL_SOCKET, SO_KEEPALIVE, 1, "SO_KEEPALIVE");
-        setSocketOption(client, IPPROTO_TCP, TCP_KEEPIDLE,
-                        settings->getInteger("tcp:keepalive:delay", 5), "SO_KEEPIDLE");
-        setSocketOption(client, IPPROTO_TCP, TCP_KEEPCNT,
-                        settings->getInteger("tcp:keepalive:retries", 3), "SO_KEEPCNT");
-        setSocketOption(client, IPPROTO_TCP, TCP_KEEPINTVL,
-                        settings->getInteger("tcp:keepalive:interval", 2), "SO_KEEPINTVL");
-    }
-    // A frame must not wait for the acknowledgement of the one before: on a link of 20 ms that
-    // would cost a typing user 14 ms a frame. Without it the connection is slower and no worse.
-    const int enable = 1;
-    (void)setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &enable, sizeof enable);
-}
-
-/// Starts the shadow server and the relay. On failure the client is still the caller's to let go,
-/// and so is the shadow server, if it was started: the handle is not empty then.
-bool ProxyConnection::createJob(Descriptor& client, TransportHandle& transport,
-                                const std::string& socketPath, const std::string& samPath,
-                                std::uint32_t sessionId, std::uint64_t ordinal,
-                                const std::string& remoteAddress) {
+bool ProxyConnection::createJob(Admission& admission) {
+    auto& [sessionId, ordinal, socketPath, samPath, remoteAddress, client, transport] = admission;
     try {
         removeStaleSocket(socketPath);
         Descriptor reserved = reserveDescriptor();
@@ -201,7 +179,7 @@ bool ProxyConnection::createJob(Descriptor& client, TransportHandle& transport,
             // Deliberately not signalled: the caller waits until it ends by itself.
             return false;
         }
-        registerJob(client, local, transport, socketPath, samPath, sessionId, remoteAddress);
+        registerJob(admission, std::move(local));
         return true;
     } catch (const std::system_error& failure) {
         Syslog::error("%s: system error: %s, session id: %u", task, failure.what(), sessionId);
@@ -213,22 +191,22 @@ bool ProxyConnection::createJob(Descriptor& client, TransportHandle& transport,
     return false;
 }
 
-void ProxyConnection::registerJob(Descriptor& client, Descriptor& local, TransportHandle& transport,
-                                  const std::string& socketPath, const std::string& samPath,
-                                  std::uint32_t sessionId, const std::string& remoteAddress) {
+void ProxyConnection::registerJob(Admission& admission, Descriptor local) {
     const std::scoped_lock lock(jobsMutex);
-    JobTransfer& job = jobs.emplace_back(client.get(), local.get(), socketPath, samPath,
-                                         std::move(transport), sessionId);
-    const int socketFd = client.release();
+    JobTransfer& job =
+        jobs.emplace_back(admission.client.get(), local.get(), admission.socketPath,
+                          admission.samPath, std::move(admission.transport), admission.sessionId);
+    const int socketFd = admission.client.release();
     const int unixFd = local.release();
-    Syslog::debug("%s: session id: %u, create transfer job, socket: %d, unix: %d", task, sessionId,
-                  socketFd, unixFd);
+    Syslog::debug("%s: session id: %u, create transfer job, socket: %d, unix: %d", task,
+                  admission.sessionId, socketFd, unixFd);
     try {
-        proxySessionConnected(sessionId, static_cast<std::uint32_t>(job.transportPid()),
-                              remoteAddress);
+        proxySessionConnected(admission.sessionId, static_cast<std::uint32_t>(job.transportPid()),
+                              admission.remoteAddress);
     } catch (...) {
         // The service knows nothing of this connection: the client goes, the job stays in the list
-        // until its relay ends or the service disconnects the session.
+        // until its relay ends or the service disconnects the session. Still under the lock: the
+        // job could be swept, and its descriptor's number be somebody else's, a moment later.
         job.dropClient();
         throw;
     }

@@ -26,7 +26,7 @@ namespace Vorl {
 /// configuration, of the relay jobs and of the one listener that may be active at a time.
 ///
 /// Its life (start, the periodic task, admission) is in running_life.cpp, the way of one connection
-/// in acceptance.cpp, transport_launch.cpp and transport_args.cpp.
+/// in acceptance.cpp and transport_launch.cpp.
 class ProxyConnection : public Syslog,
                         public net::qarel::vorl_proxy,
                         public DBus::IntrospectableProxy,
@@ -87,13 +87,11 @@ private:
     // acceptance.cpp: on the acceptance task's thread
     bool actionCreateTransport(const std::uint32_t& sessionId, const std::uint32_t& second);
     bool waitForClient(int listener, std::uint32_t sessionId) const;
-    void setSocketPolicy(int client) const;
-    bool createJob(Descriptor& client, TransportHandle& transport, const std::string& socketPath,
-                   const std::string& samPath, std::uint32_t sessionId, std::uint64_t ordinal,
-                   const std::string& remoteAddress);
-    void registerJob(Descriptor& client, Descriptor& local, TransportHandle& transport,
-                     const std::string& socketPath, const std::string& samPath,
-                     std::uint32_t sessionId, const std::string& remoteAddress);
+    struct Admission;
+    /// Starts the shadow server and the relay. On failure the admission keeps what is still to be
+    /// let go: the client, and a shadow server that was started.
+    bool createJob(Admission& admission);
+    void registerJob(Admission& admission, Descriptor local);
 
     // transport_launch.cpp: starts the shadow server for the session
     /// @throws vorl_error, DBus::Error or Json::Exception when it cannot be started
@@ -102,10 +100,7 @@ private:
                                                       const std::uint32_t& sessionId,
                                                       std::uint64_t ordinal);
 
-    // transport_args.cpp
-    /// The shadow server's arguments. Writes the SAM file when the session wants one.
-    /// @param builtIn the program is the one that came with the daemon and knows its own options
-    /// @throws vorl_error("prepareX11RdpArgs") after an error line
+    /// transportArguments() with the configuration in force.
     [[nodiscard]] std::list<std::string> prepareX11RdpArgs(const std::string& socketPath,
                                                            const std::string& samPath,
                                                            const JsonConfig& session,

@@ -1,9 +1,12 @@
+#include "proxy/transport_args.h"
+
 #include "common/call_failure.h"
 #include "common/descriptor.h"
 #include "common/error.h"
 #include "common/strings.h"
-#include "proxy/proxy_connection.h"
+#include "logger"
 
+#include <filesystem>
 #include <string_view>
 #include <system_error>
 
@@ -63,12 +66,10 @@ const char* transportLogLevel(const JsonConfig& settings) {
 
 } // namespace
 
-std::list<std::string> ProxyConnection::prepareX11RdpArgs(const std::string& socketPath,
-                                                          const std::string& samPath,
-                                                          const JsonConfig& session,
-                                                          bool builtIn) const {
-    const auto settings = configuration();
-    std::list<std::string> arguments = settings->getStringList("x11rdp:args");
+std::list<std::string> transportArguments(const JsonConfig& settings, const JsonConfig& session,
+                                          const std::string& socketPath, const std::string& samPath,
+                                          bool builtIn) {
+    std::list<std::string> arguments = settings.getStringList("x11rdp:args");
     if (arguments.empty())
         arguments = {"/ipc-socket:%{socket}", "/max-connections:1"};
     for (std::string& argument : arguments) {
@@ -78,8 +79,8 @@ std::list<std::string> ProxyConnection::prepareX11RdpArgs(const std::string& soc
         argument = fill(argument, "%{home}", session.getString("home"));
     }
 
-    if (builtIn && settings->hasValue("kerberos:keytab")) {
-        const std::string keytab = settings->getString("kerberos:keytab");
+    if (builtIn && settings.hasValue("kerberos:keytab")) {
+        const std::string keytab = settings.getString("kerberos:keytab");
         std::error_code ignored;
         if (std::filesystem::exists(keytab, ignored))
             arguments.push_back("/keytab:" + keytab);
@@ -100,8 +101,29 @@ std::list<std::string> ProxyConnection::prepareX11RdpArgs(const std::string& soc
     if (session.getBoolean("sec:auth", true)) // there is no negative form
         arguments.emplace_back("+auth");
     if (builtIn)
-        arguments.push_back(std::string("/log-level:") + transportLogLevel(*settings));
+        arguments.push_back(std::string("/log-level:") + transportLogLevel(settings));
     return arguments;
+}
+
+std::list<std::string> transportEnvironment(const JsonConfig& settings, const JsonConfig& session) {
+    std::list<std::string> environment{
+        Utils::joinString("DISPLAY=:", session.getInteger("display")),
+        "XAUTHORITY=" + session.getString("xauthfile"),
+        "FREERDP_STRONG_SESSION_CHECK=1",
+        "SESSION_USER=" + session.getString("username"),
+    };
+    const std::string realm = settings.getString("kerberos:realm");
+    if (settings.getBoolean("check:domain") && !realm.empty())
+        environment.push_back("SESSION_DOMAIN=" + realm);
+    if (settings.getBoolean("transport:shm")) {
+        environment.emplace_back("FREERDP_SHM_ENABLED=1");
+        environment.emplace_back("FREERDP_SHM_ANY=1");
+    }
+    if (settings.hasValue("transport:fps")) {
+        environment.push_back(
+            Utils::joinString("FREERDP_FRAME_RATE=", settings.getInteger("transport:fps")));
+    }
+    return environment;
 }
 
 } // namespace Vorl

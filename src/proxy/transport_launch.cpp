@@ -1,9 +1,9 @@
 #include "common/error.h"
 #include "common/strings.h"
 #include "proxy/proxy_connection.h"
+#include "proxy/transport_args.h"
 #include "proxy/work_directory.h"
 
-#include <algorithm>
 #include <system_error>
 
 namespace Vorl {
@@ -36,29 +36,14 @@ std::string findProgram(const JsonConfig& settings) {
     throw vorl_error("requestRdpTransport");
 }
 
-/// NAME=value entries for the shadow server.
-std::list<std::string> transportEnvironment(const JsonConfig& settings, const JsonConfig& session) {
-    std::list<std::string> environment{
-        Utils::joinString("DISPLAY=:", session.getInteger("display")),
-        "XAUTHORITY=" + session.getString("xauthfile"),
-        "FREERDP_STRONG_SESSION_CHECK=1",
-        "SESSION_USER=" + session.getString("username"),
-    };
-    const std::string realm = settings.getString("kerberos:realm");
-    if (settings.getBoolean("check:domain") && !realm.empty())
-        environment.push_back("SESSION_DOMAIN=" + realm);
-    if (settings.getBoolean("transport:shm")) {
-        environment.emplace_back("FREERDP_SHM_ENABLED=1");
-        environment.emplace_back("FREERDP_SHM_ANY=1");
-    }
-    if (settings.hasValue("transport:fps")) {
-        environment.push_back(
-            Utils::joinString("FREERDP_FRAME_RATE=", settings.getInteger("transport:fps")));
-    }
-    return environment;
-}
-
 } // namespace
+
+std::list<std::string> ProxyConnection::prepareX11RdpArgs(const std::string& socketPath,
+                                                          const std::string& samPath,
+                                                          const JsonConfig& session,
+                                                          bool builtIn) const {
+    return transportArguments(*configuration(), session, socketPath, samPath, builtIn);
+}
 
 TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPath,
                                                      const std::string& samPath,
