@@ -10,7 +10,8 @@ namespace {
 using PrivatePart = DBus::RefPtrI<DBus::Connection::Private>;
 
 /// The library keeps a connection's private part to itself, and there is no other way to its queue
-/// of messages or to libdbus's handle. An explicit instantiation may name a private member.
+/// of messages or to libdbus's handle. An explicit instantiation is the one place that may name a
+/// private member; the friend that it defines is declared again below, to be found by its name.
 template<PrivatePart DBus::Connection::*member> struct PrivateAccess {
     friend DBus::Connection::Private* privatePartOf(DBus::Connection& connection) {
         return (connection.*member).get();

@@ -3,6 +3,7 @@
 #include "common/call_failure.h"
 #include "logger"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -24,7 +25,8 @@ std::vector<std::uint32_t> groupsOf(const passwd& entry) {
         return {};
     std::vector<std::uint32_t> groups(static_cast<std::size_t>(count), entry.pw_gid);
     getgrouplist(entry.pw_name, entry.pw_gid, groups.data(), &count);
-    groups.resize(static_cast<std::size_t>(count));
+    // A group that came into being meanwhile must not become group 0.
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)), entry.pw_gid);
     return groups;
 }
 

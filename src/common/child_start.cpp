@@ -66,7 +66,8 @@ std::string outputFile(const std::filesystem::path& command, const UserInfo* own
 
 /// Has the kernel close everything but the three standard streams when the program starts. Not
 /// before: libsystemd keeps its journal socket open, and a failing execve must still be logged.
-/// And not one by one: the limit can be 10^9, and a loop up to it takes half a minute.
+/// And not one by one: the limit can be 10^8 and more, and a loop up to it lasts
+/// longer than the client waits.
 void closeDescriptorsOnExec() {
     if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) < 0) {
         logCallFailed("runOwnerCommand", "close_range");
@@ -137,7 +138,7 @@ void redirectOutputsFdTo(const std::string& path) {
         return;
     dup2(fd, STDERR_FILENO);
     dup2(fd, STDOUT_FILENO);
-    if (fd > STDERR_FILENO)
+    if (fd != STDERR_FILENO && fd != STDOUT_FILENO)
         close(fd);
 }
 

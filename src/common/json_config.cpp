@@ -54,6 +54,11 @@ template<typename Container> Container textsOf(const Json::Value& member) {
     return texts;
 }
 
+void logParseFailure(const std::filesystem::path& path, const std::string& reason) {
+    Syslog::error("%s: parse failed, path: %s, json error: `%s'", "readJson", path.c_str(),
+                  reason.c_str());
+}
+
 } // namespace
 
 bool JsonConfig::hasValue(std::string_view key) const {
@@ -115,11 +120,14 @@ Json::Value readJson(const std::filesystem::path& path) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     Json::Reader reader(Json::Features::strictMode());
 #pragma GCC diagnostic pop
-    if (!reader.parse(file, root, false)) {
-        Syslog::error("%s: parse failed, path: %s, json error: `%s'", "readJson", path.c_str(),
-                      reader.getFormattedErrorMessages().c_str());
+    try {
+        if (!reader.parse(file, root, false))
+            logParseFailure(path, reader.getFormattedErrorMessages());
+        return root;
+    } catch (const std::exception& failure) { // a directory, or nested too deeply for the reader
+        logParseFailure(path, failure.what());
+        return {};
     }
-    return root;
 }
 
 } // namespace Vorl

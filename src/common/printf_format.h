@@ -41,8 +41,8 @@ private:
         std::same_as<T, char*> || std::same_as<T, const char*> || std::is_null_pointer_v<T>;
     // Narrower integers are promoted to int on their way through "...".
     template<typename T>
-    static constexpr bool isIntSized = (std::is_integral_v<T> || std::is_enum_v<T>)&&sizeof(T) <=
-                                       sizeof(int);
+    static constexpr bool isIntSized = sizeof(T) <= sizeof(int) &&
+                                       (std::is_integral_v<T> || std::is_enum_v<T>);
 
     const char* format;
 };

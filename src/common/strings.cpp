@@ -7,8 +7,11 @@ namespace Vorl::Utils {
 
 std::string joinList(const std::list<std::string>& texts) {
     std::string all;
-    for (const std::string& text : texts)
-        all.append(all.empty() ? "" : ", ").append(text);
+    const char* separator = "";
+    for (const std::string& text : texts) {
+        all.append(separator).append(text);
+        separator = ", ";
+    }
     return all;
 }
 

@@ -22,7 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* task = "actionCreateTransport";
+constexpr const char* function = "actionCreateTransport";
 
 constexpr int clientPollMilliseconds = 1;
 constexpr int clientPauseMilliseconds = 250;
@@ -31,8 +31,8 @@ constexpr auto socketPause = 10ms;
 constexpr int connectAttempts = 5;
 constexpr auto connectPause = 50ms;
 
-void logEnd(const char* reason, std::uint32_t sessionId) {
-    Syslog::error("%s: exception: %s, session id: %u", task, reason, sessionId);
+void logFailure(const char* reason, std::uint32_t sessionId) {
+    Syslog::error("%s: exception: %s, session id: %u", function, reason, sessionId);
 }
 
 bool isSocket(const fs::path& path) {
@@ -62,11 +62,11 @@ bool waitForSocket(const fs::path& path, std::uint32_t sessionId) {
     const auto start = Clock::now();
     while (!isSocket(path)) {
         if (!proxyRunning) {
-            logEnd("proxy stopped", sessionId);
+            logFailure("proxy stopped", sessionId);
             return false;
         }
         if (Clock::now() - start > socketLimit) {
-            logEnd("transport stopped, timeout", sessionId);
+            logFailure("transport stopped, timeout", sessionId);
             return false;
         }
         std::this_thread::sleep_for(socketPause);
@@ -74,10 +74,11 @@ bool waitForSocket(const fs::path& path, std::uint32_t sessionId) {
     return true;
 }
 
-/// Tries again for a moment: the socket's file may stand before the shadow server listens on it.
+/// Tries again for a moment when refused: the socket's file may stand before the shadow server
+/// listens on it.
 Descriptor connectToTransport(const std::string& path) {
     Descriptor local(Socket::unixConnect(path));
-    for (int attempt = 1; !local && attempt < connectAttempts && proxyRunning; ++attempt) {
+    for (int attempt = 1; !local && errno == ECONNREFUSED && attempt < connectAttempts; ++attempt) {
         std::this_thread::sleep_for(connectPause);
         local = Descriptor(Socket::unixConnect(path));
     }
@@ -100,9 +101,10 @@ struct ProxyConnection::Admission {
 
 bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
                                             const std::uint32_t& second) {
-    const int port = configuration()->getInteger("listen:port", 3389);
-    const std::string address = configuration()->getString("listen:addr", "0.0.0.0");
-    Syslog::debug("%s: address: %s, port: %d", task, address.c_str(), port);
+    const auto settings = configuration();
+    const int port = settings->getInteger("listen:port", 3389);
+    const std::string address = settings->getString("listen:addr", "0.0.0.0");
+    Syslog::debug("%s: address: %s, port: %d", function, address.c_str(), port);
     Descriptor listening(Socket::tcpListen(address, static_cast<std::uint16_t>(port), 1));
     proxyListenStarted(sessionId, static_cast<bool>(listening));
     if (!listening || !waitForClient(listening.get(), sessionId))
@@ -114,7 +116,7 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
     if (!client)
         return false;
     setClientSocketPolicy(client.get(), *configuration());
-    Syslog::debug("%s: session id: %u, remote addr: %s, fd: %d", task, sessionId,
+    Syslog::debug("%s: session id: %u, remote addr: %s, fd: %d", function, sessionId,
                   remoteAddress.c_str(), client.get());
     proxyClientConnected(sessionId, remoteAddress);
 
@@ -128,11 +130,7 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
                         remoteAddress,
                         std::move(client),
                         {}};
-    const bool created = createJob(admission);
-    admission.client.reset(); // let go before the wait for a shadow server that has to end first
-    if (admission.transport.second.valid())
-        awaitTransport(admission.transport, task);
-    return created;
+    return createJob(admission);
 }
 
 bool ProxyConnection::waitForClient(int listeningFd, std::uint32_t sessionId) const {
@@ -143,20 +141,28 @@ bool ProxyConnection::waitForClient(int listeningFd, std::uint32_t sessionId) co
             if (Utils::hasInput(listeningFd, clientPollMilliseconds))
                 return proxyRunning;
             if (listenCancel) {
-                logEnd("session disconnected", sessionId);
+                logFailure("session disconnected", sessionId);
                 return false;
             }
             if (Clock::now() - start > limit) {
-                logEnd("transport stopped, timeout", sessionId);
+                logFailure("transport stopped, timeout", sessionId);
                 return false;
             }
             // The pause between two looks at the flags; a client ends it early.
             (void)Utils::hasInput(listeningFd, clientPauseMilliseconds);
         }
     } catch (const std::exception& failure) {
-        logEnd(failure.what(), sessionId);
+        logFailure(failure.what(), sessionId);
     }
     return false;
+}
+
+void ProxyConnection::abandon(Admission& admission) {
+    admission.client.reset(); // before the wait for the shadow server
+    if (!admission.transport.second.valid())
+        return;
+    terminateTransport(admission.transport);
+    releaseTransport(admission.transport, function);
 }
 
 bool ProxyConnection::createJob(Admission& admission) {
@@ -166,28 +172,25 @@ bool ProxyConnection::createJob(Admission& admission) {
         Descriptor reserved = reserveDescriptor();
         transport = requestRdpTransport(socketPath, samPath, sessionId, ordinal);
         if (!waitForSocket(socketPath, sessionId)) {
-            client.reset();
-            terminateTransport(transport);
-            releaseTransport(transport, task);
+            abandon(admission);
             return false;
         }
         reserved.reset();
         Descriptor local = connectToTransport(socketPath);
         if (!local) {
             client.reset();
-            Syslog::error("%s: transport not started, session id: %u", task, sessionId);
-            // Deliberately not signalled: the caller waits until it ends by itself.
+            Syslog::error("%s: transport not started, session id: %u", function, sessionId);
+            awaitTransport(transport, function); // deliberately not signalled
             return false;
         }
         registerJob(admission, std::move(local));
         return true;
     } catch (const std::system_error& failure) {
-        Syslog::error("%s: system error: %s, session id: %u", task, failure.what(), sessionId);
+        Syslog::error("%s: system error: %s, session id: %u", function, failure.what(), sessionId);
     } catch (const std::exception& failure) {
-        logEnd(failure.what(), sessionId);
+        logFailure(failure.what(), sessionId);
     }
-    if (transport.second.valid())
-        terminateTransport(transport);
+    abandon(admission);
     return false;
 }
 
@@ -198,13 +201,13 @@ void ProxyConnection::registerJob(Admission& admission, Descriptor local) {
                           admission.samPath, std::move(admission.transport), admission.sessionId);
     const int socketFd = admission.client.release();
     const int unixFd = local.release();
-    Syslog::debug("%s: session id: %u, create transfer job, socket: %d, unix: %d", task,
+    Syslog::debug("%s: session id: %u, create transfer job, socket: %d, unix: %d", function,
                   admission.sessionId, socketFd, unixFd);
     try {
         proxySessionConnected(admission.sessionId, static_cast<std::uint32_t>(job.transportPid()),
                               admission.remoteAddress);
     } catch (...) {
-        // The service knows nothing of this connection: the client goes, the job stays in the list
+        // The service does not confirm the connection: the client goes, the job stays in the list
         // until its relay ends or the service disconnects the session. Still under the lock: the
         // job could be swept, and its descriptor's number be somebody else's, a moment later.
         job.dropClient();

@@ -66,6 +66,9 @@ void JobTransfer::relay() {
 }
 
 void JobTransfer::dropClient() {
+    // Releases the relay from a send to this client. Not its receiving side: the relay would take
+    // that for the end of the stream.
+    shutdown(socketFd, SHUT_WR);
     // An unconnected socket is to the relay what a closed descriptor is: it has no input, and
     // sending to it fails.
     const Descriptor vacant(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -27,10 +27,14 @@ bool isPresent(const fs::path& path) {
 void becomeUser(CommandLine& commandLine) {
     if (commandLine.user.empty() || getuid() != 0)
         return;
+    const auto account = Utils::getUserInfo(commandLine.user, true);
+    if (!account)
+        return;
     // The account's home directory becomes the current one, which is not where the file was found.
-    commandLine.configPath = fs::absolute(commandLine.configPath);
-    if (const auto account = Utils::getUserInfo(commandLine.user, true))
-        Utils::switchToUser(*account);
+    std::error_code ignored;
+    if (const fs::path absolute = fs::absolute(commandLine.configPath, ignored); !ignored)
+        commandLine.configPath = absolute;
+    Utils::switchToUser(*account);
 }
 
 void runProxy(DBus::Connection& connection, const std::string& configPath) {
@@ -81,7 +85,7 @@ int main(int argc, char** argv) {
     holdTerminationSignals();
     installTerminationHandlers(commandLine->background);
     DBus::default_dispatcher = &proxyDispatcher;
-    // Without a system bus the uncaught exception ends the process: there is nothing to report to.
+    // Not caught: a daemon that never had a bus ends abnormally, and its service manager sees it.
     DBus::Connection connection = DBus::Connection::SystemBus();
     proxyDispatcher.attach(connection);
     runAndReport(connection, commandLine->configPath);

@@ -30,8 +30,12 @@ ProxyConnection::ProxyConnection(DBus::Connection& connection, const std::string
 ProxyConnection::~ProxyConnection() {
     proxyRunning = false;
     listenCancel = true;
-    if (listener.valid())
-        listener.wait();
+    if (!listener.valid())
+        return;
+    // Inside a bus call it sees neither flag, and an answer may take 25 seconds.
+    if (listener.wait_for(answerGrace) != std::future_status::ready)
+        proxyDispatcher.hangUp();
+    listener.wait();
 }
 
 bool ProxyConnection::reloadConfigWatcher() {
@@ -93,7 +97,7 @@ void ProxyConnection::signalSessionDisconnected(const std::uint32_t& sessionId,
                                                 const std::string& remoteAddress) {
     Syslog::notice("%s: session id: %u, pid: %u, remote addr: `%s'", "signalSessionDisconnected",
                    sessionId, pid, remoteAddress.c_str());
-    const std::scoped_lock lock(jobsMutex);
+    const std::scoped_lock lock(jobsMutex); // waits for a bus call, if one is made under it
     jobs.remove_if([&](const JobTransfer& job) {
         return job.session() == sessionId && static_cast<std::uint32_t>(job.transportPid()) == pid;
     });

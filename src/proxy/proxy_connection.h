@@ -7,6 +7,7 @@
 #include "proxy/service_manager.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -25,8 +26,8 @@ namespace Vorl {
 /// The daemon's one central object: the client of the session service, the owner of the
 /// configuration, of the relay jobs and of the one listener that may be active at a time.
 ///
-/// Its life (start, the periodic task, admission) is in running_life.cpp, the way of one connection
-/// in acceptance.cpp and transport_launch.cpp.
+/// Its life is in main_loop.cpp; the way of one connection in admission.cpp, acceptance.cpp and
+/// transport_launch.cpp.
 class ProxyConnection : public Syslog,
                         public net::qarel::vorl_proxy,
                         public DBus::IntrospectableProxy,
@@ -77,20 +78,22 @@ public:
     [[nodiscard]] std::size_t jobMultiSession(const std::uint32_t& sessionId) const;
 
 private:
-    // running_life.cpp
+    // main_loop.cpp
     void periodicTask();
     /// @return false when the list is in use elsewhere: try again at the next turn
     bool sweepFinishedJobs();
+
+    // admission.cpp
     void launchAcceptance(std::uint32_t sessionId, std::uint32_t second);
     bool runAcceptance(std::uint32_t sessionId, std::uint32_t second);
 
     // acceptance.cpp: on the acceptance task's thread
     bool actionCreateTransport(const std::uint32_t& sessionId, const std::uint32_t& second);
-    bool waitForClient(int listener, std::uint32_t sessionId) const;
+    bool waitForClient(int listeningFd, std::uint32_t sessionId) const;
     struct Admission;
-    /// Starts the shadow server and the relay. On failure the admission keeps what is still to be
-    /// let go: the client, and a shadow server that was started.
+    /// Starts the shadow server and the relay. On failure both sides are let go.
     bool createJob(Admission& admission);
+    static void abandon(Admission& admission);
     void registerJob(Admission& admission, Descriptor local);
 
     // transport_launch.cpp: starts the shadow server for the session
@@ -108,6 +111,9 @@ private:
 
     /// The configuration in force. A reload replaces it whole; who holds the old one keeps it.
     [[nodiscard]] std::shared_ptr<const JsonConfig> configuration() const;
+
+    /// How long a stop waits for the answer to a bus call before it ends the connection.
+    static constexpr std::chrono::seconds answerGrace{2};
 
     mutable std::mutex configMutex;           // guards the pointer below, never held with another
     std::shared_ptr<const JsonConfig> config; // replaced by the periodic task

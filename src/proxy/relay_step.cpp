@@ -38,7 +38,7 @@ std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8
             return 0;
         buffer.resize(static_cast<std::size_t>(Utils::hasData(source)));
     } catch (const std::exception&) {
-        return relayException; // the reason has been logged
+        return relayException;
     }
 
     // Asks for no bytes at the end of the stream, and gets none.

@@ -1,5 +1,6 @@
 #include "proxy/traffic_wait.h"
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -12,11 +13,12 @@ using namespace std::chrono_literals;
 constexpr int stopNoticeMilliseconds = 150;
 constexpr auto hangUpPause = 3ms;
 
-/// What to wait for on a socket that is the source of one direction and the destination of another.
-pollfd entryFor(int fd, bool asSource, bool asDestination) {
-    const int events = (asSource ? POLLIN : 0) | (asDestination ? POLLOUT : 0);
-    // An entry without events would still report hang-ups, at once and for ever.
-    return {events != 0 ? fd : -1, static_cast<short>(events), 0};
+/// What to wait for on the socket that is the source of one direction and the destination of the
+/// other. A source whose bytes are held is watched for its end alone: it would report them at once
+/// and for ever.
+pollfd entryFor(int fd, bool heldAsSource, bool heldAsDestination) {
+    const int events = (heldAsSource ? POLLRDHUP : POLLIN) | (heldAsDestination ? POLLOUT : 0);
+    return {fd, static_cast<short>(events), 0};
 }
 
 bool canTakeOutput(int fd) {
@@ -28,10 +30,13 @@ bool canTakeOutput(int fd) {
 } // namespace
 
 Traffic TrafficWait::wait() {
-    pollfd entries[] = {entryFor(upstream.source, !upstream.held, downstream.held),
-                        entryFor(downstream.source, !downstream.held, upstream.held)};
+    pollfd entries[] = {entryFor(upstream.source, upstream.held, downstream.held),
+                        entryFor(downstream.source, downstream.held, upstream.held)};
     auto& [clientEntry, transportEntry] = entries;
-    if (poll(entries, 2, stopNoticeMilliseconds) <= 0)
+    const int reported = poll(entries, 2, stopNoticeMilliseconds);
+    if (reported < 0 && errno != EINTR)
+        return {true, true}; // the steps meet the same failure and report it
+    if (reported <= 0)
         return {};
 
     const Traffic traffic{ready(upstream, clientEntry, transportEntry),
@@ -44,12 +49,15 @@ Traffic TrafficWait::wait() {
 }
 
 bool TrafficWait::ready(Direction& direction, const pollfd& source, const pollfd& destination) {
+    const bool ended = (source.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
     if (direction.held) {
-        direction.held = (destination.revents & ~POLLIN) == 0;
+        // A hang-up or an error of the destination counts as room: the send finds out.
+        const bool room = (destination.revents & ~POLLIN) != 0;
+        direction.held = !room && !ended;
         return !direction.held;
     }
     const bool input = (source.revents & POLLIN) != 0;
-    direction.held = input && !canTakeOutput(direction.destination);
+    direction.held = input && !ended && !canTakeOutput(direction.destination);
     return input && !direction.held;
 }
 

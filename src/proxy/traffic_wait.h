@@ -13,8 +13,8 @@ struct Traffic {
 /// The wait of one relay thread for both of its sockets at once.
 ///
 /// A direction counts only while its destination can take output: a client that reads slowly holds
-/// up its own picture and not the keystrokes on their way to the desktop. Until then its source is
-/// left alone, and the wait is for the destination.
+/// up its own picture and not the keystrokes on their way to the desktop. Until then the wait is
+/// for the destination, and for the end of the source.
 class TrafficWait {
 public:
     TrafficWait(int client, int transport)

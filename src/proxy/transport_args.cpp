@@ -31,8 +31,8 @@ std::string fill(const std::string& entry, std::string_view placeholder, const s
     }
     once.append(rest);
     if (once.find(placeholder) != std::string::npos) {
-        Syslog::error("%s: session description refused, value holds its own placeholder: `%s'",
-                      function, value.c_str());
+        Syslog::error("%s: launch refused, value brings its own placeholder back: `%s'", function,
+                      value.c_str());
         throw vorl_error(function);
     }
     return Utils::stringReplace(entry, placeholder, value);
@@ -49,6 +49,8 @@ bool writeSamFile(const std::string& path, const std::string& line) {
     const std::string text = line + '\n';
     const ssize_t written = write(file.get(), text.data(), text.size());
     if (written != static_cast<ssize_t>(text.size())) {
+        if (written >= 0) // cut short without a reason
+            errno = ENOSPC;
         logCallFailed(function, "write");
         unlink(path.c_str());
         throw vorl_error(function);

@@ -16,13 +16,14 @@ using TransportHandle = Utils::ChildHandle;
 /// Sends SIGTERM if the shadow server still runs.
 void terminateTransport(const TransportHandle& transport);
 
-/// Waits until the shadow server has been reaped, however long that takes, but ends it when the
-/// daemon stops meanwhile. Afterwards the handle is empty.
+/// Waits until a shadow server that was told to end has been reaped. One that is still there after
+/// a grace of three seconds is killed, with a warning: nobody who holds a lock waits longer.
+/// Afterwards the handle is empty.
 /// @param caller the name in log lines
-void awaitTransport(TransportHandle& transport, const char* caller);
-
-/// The same for a shadow server that was told to end: one that is still there after a grace of
-/// three seconds is killed, with a warning. Nobody who holds a lock waits longer than that.
 void releaseTransport(TransportHandle& transport, const char* caller);
+
+/// The same for a shadow server that was not told to end: waits however long it takes, unless the
+/// daemon stops meanwhile, which ends the shadow server as well.
+void awaitTransport(TransportHandle& transport, const char* caller);
 
 } // namespace Vorl

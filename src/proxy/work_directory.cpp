@@ -14,7 +14,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// Also true for a directory of our own that cannot be looked at: using it fails with a reason.
+/// Whether nobody else made it. True as well when it cannot be looked at: its first use fails then,
+/// with a reason.
 bool isTrusted(const fs::path& directory) {
     struct stat status {};
     if (lstat(directory.c_str(), &status) < 0)

@@ -4,6 +4,7 @@
 #include "proxy/termination_signals.h"
 
 #include <chrono>
+#include <iterator>
 #include <thread>
 
 #include <sys/stat.h>
@@ -19,12 +20,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto watchInterval = 3s;
 constexpr auto sweepInterval = 350ms;
 constexpr auto periodicSleep = 150ms;
-constexpr auto stopGrace = 2s;
-
-struct ClearAtEnd {
-    std::atomic<bool>& flag;
-    ~ClearAtEnd() { flag = false; }
-};
 
 } // namespace
 
@@ -79,7 +74,7 @@ void ProxyConnection::periodicTask() {
 
     // The acceptance task sees the end of proxyRunning by itself, but not inside a bus call, where
     // it may wait 25 seconds for an answer and even hold the mutex that a signal handler wants.
-    const auto deadline = Clock::now() + stopGrace;
+    const auto deadline = Clock::now() + answerGrace;
     while (accepting && Clock::now() < deadline)
         std::this_thread::sleep_for(10ms);
     if (accepting)
@@ -91,61 +86,18 @@ bool ProxyConnection::sweepFinishedJobs() {
     const std::unique_lock lock(jobsMutex, std::try_to_lock);
     if (!lock)
         return false;
-    for (const JobTransfer& job : jobs) {
-        if (!job.isRunning()) {
-            Syslog::debug("%s: remove job, session id: %u", "PeriodicTask", job.session());
-        }
+    std::list<JobTransfer> finished; // destroyed before the lock is given back
+    for (auto job = jobs.begin(); job != jobs.end();) {
+        const auto next = std::next(job);
+        if (!job->isRunning())
+            finished.splice(finished.end(), jobs, job);
+        job = next;
     }
-    jobs.remove_if([](const JobTransfer& job) { return !job.isRunning(); });
+    for (const JobTransfer& job : finished)
+        Syslog::debug("%s: remove job, session id: %u", "PeriodicTask", job.session());
     serviceManager.showActivity(jobs.size(), accepting ? std::optional(listeningSessionId.load())
                                                        : std::nullopt);
     return true;
-}
-
-void ProxyConnection::signalProxyAllowConnection(const std::uint32_t& sessionId,
-                                                 const std::uint32_t& second) {
-    try {
-        Syslog::notice("%s: session id: %u, timeout: %u", "signalProxyAllowConnection", sessionId,
-                       currentListenTimeout());
-        if (listener.valid() && listener.wait_for(3ms) != std::future_status::ready) {
-            Syslog::warning("%s: listen transport busy, session id: %u",
-                            "signalProxyAllowConnection", sessionId);
-            return;
-        }
-        listeningSessionId = sessionId;
-        listenCancel = false;
-        launchAcceptance(sessionId, second);
-    } catch (const std::exception& failure) {
-        // A configuration value of the wrong type, or no thread to be had: costs this allowance.
-        Syslog::error("%s: exception: %s, session id: %u", "signalProxyAllowConnection",
-                      failure.what(), sessionId);
-    }
-}
-
-void ProxyConnection::launchAcceptance(std::uint32_t sessionId, std::uint32_t second) {
-    accepting = true;
-    try {
-        listener = std::async(std::launch::async, [this, sessionId, second] {
-            const ClearAtEnd mark{accepting};
-            return runAcceptance(sessionId, second);
-        });
-    } catch (...) {
-        accepting = false;
-        throw;
-    }
-}
-
-bool ProxyConnection::runAcceptance(std::uint32_t sessionId, std::uint32_t second) {
-    try {
-        const bool result = actionCreateTransport(sessionId, second);
-        listeningSessionId = 0;
-        return result;
-    } catch (const std::exception& failure) {
-        // The listening session stays as it is: a disconnect of that session still cancels.
-        Syslog::error("%s: exception: %s, session id: %u", "actionCreateTransport", failure.what(),
-                      sessionId);
-        throw;
-    }
 }
 
 } // namespace Vorl

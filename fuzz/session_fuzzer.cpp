@@ -1,0 +1,31 @@
+// The session description: any text from the bus, through arguments and environment of the shadow
+// server. The first half of the input (up to a NUL) is the template's second entry.
+#include "common/error.h"
+#include "common/json_config.h"
+#include "logger"
+#include "proxy/transport_args.h"
+
+#include <cstdint>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Vorl::Syslog::setDebugLevel(Vorl::DebugLevel::Quiet);
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    const auto end = input.find('\0');
+    Json::Value settings(Json::objectValue);
+    settings["x11rdp:args"].append("/ipc-socket:%{socket}");
+    settings["x11rdp:args"].append(input.substr(0, end));
+    settings["kerberos:realm"] = "REALM";
+    settings["check:domain"] = true;
+    const Vorl::JsonConfig configuration(settings);
+    const std::string text = end == std::string::npos ? input : input.substr(end + 1);
+    try {
+        const Vorl::JsonConfigString session(text);
+        // A SAM path that cannot be opened: the file is not what is tried here.
+        (void)Vorl::transportArguments(configuration, session, "/run/vorl/proxy_7_0", "/", true);
+        (void)Vorl::transportEnvironment(configuration, session);
+    } catch (const Json::Exception&) {  // not JSON, or a value of another type
+    } catch (const Vorl::vorl_error&) { // no object, or a value that holds its own placeholder
+    }
+    return 0;
+}
