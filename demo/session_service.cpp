@@ -14,6 +14,7 @@
 /// Each signal sent ("->") and each call received ("<-") is printed as one line that
 /// begins with the time, in microseconds since the epoch.
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <fstream>
@@ -29,10 +30,10 @@
 
 namespace {
 
-void print(const std::string& line) {
+template<typename... Parts> void print(const Parts&... parts) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto stamp = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-    std::cout << stamp << ' ' << line << std::endl;
+    std::cout << std::chrono::duration_cast<std::chrono::microseconds>(now).count() << ' ';
+    (std::cout << ... << parts) << std::endl;
 }
 
 /// The object /net/qarel/vorl. The dispatcher calls the methods; an exception other than
@@ -41,10 +42,9 @@ class SessionService : public net::qarel::vorl_adaptor,
                        public DBus::IntrospectableAdaptor,
                        public DBus::ObjectAdaptor {
 public:
-    /// \p descriptionFile holds the JSON text that describes the session.
-    SessionService(DBus::Connection& connection, std::string descriptionFile)
-        : DBus::ObjectAdaptor(connection, "/net/qarel/vorl"),
-          descriptionFile_(std::move(descriptionFile)) {}
+    /// @param file holds the JSON text that describes the session.
+    SessionService(DBus::Connection& connection, std::string file)
+        : DBus::ObjectAdaptor(connection, "/net/qarel/vorl"), descriptionFile(std::move(file)) {}
 
     // Any text but an empty one tells the daemon that we are ready.
     std::string vorlTest() override {
@@ -53,14 +53,13 @@ public:
     }
 
     // Asked for once each client. The file is read anew each time, so that it may change.
-    std::string vorlSessionInfoJson(const uint32_t& sessionId) override {
-        print("<- vorlSessionInfoJson(session " + std::to_string(sessionId) + ")");
+    std::string vorlSessionInfoJson(const std::uint32_t& sessionId) override {
+        print("<- vorlSessionInfoJson(session ", sessionId, ")");
         std::ostringstream text;
-        if (const std::ifstream file(descriptionFile_); file.is_open()) {
+        if (const std::ifstream file(descriptionFile); file.is_open())
             text << file.rdbuf();
-        }
         if (text.str().empty()) {
-            std::cerr << "no session description in " << descriptionFile_ << std::endl;
+            print("   error reply: nothing to be read in ", descriptionFile);
             // Becomes an error reply: the daemon logs it and lets the client go. The texts are
             // literals because DBus::Error keeps no copy of them.
             throw DBus::Error("net.qarel.vorl.NoDescription", "the session is not described");
@@ -68,41 +67,38 @@ public:
         return text.str();
     }
 
-    void proxyListenStarted(const uint32_t& sessionId, const bool& opened) override {
-        print("<- proxyListenStarted(session " + std::to_string(sessionId) +
-              (opened ? ", listening)" : ", failed)"));
+    void proxyListenStarted(const std::uint32_t& sessionId, const bool& opened) override {
+        print("<- proxyListenStarted(session ", sessionId, opened ? ", listening)" : ", failed)");
     }
 
-    void proxyClientConnected(const uint32_t& sessionId, const std::string& address) override {
-        print("<- proxyClientConnected(session " + std::to_string(sessionId) + ", client " +
-              address + ")");
+    void proxyClientConnected(const std::uint32_t& sessionId, const std::string& address) override {
+        print("<- proxyClientConnected(session ", sessionId, ", client ", address, ")");
     }
 
     // The pid names the relay: keep it for the day when you want to end this one.
-    void proxySessionConnected(const uint32_t& sessionId, const uint32_t& pid,
+    void proxySessionConnected(const std::uint32_t& sessionId, const std::uint32_t& pid,
                                const std::string& address) override {
-        print("<- proxySessionConnected(session " + std::to_string(sessionId) + ", shadow pid " +
-              std::to_string(pid) + ", client " + address + ")");
+        print("<- proxySessionConnected(session ", sessionId, ", shadow pid ", pid, ", client ",
+              address, ")");
     }
 
-    /// Sends the signal that \p command asks for.
+    /// Sends the signal that the command asks for.
     void handle(const std::string& command) {
         std::istringstream words(command);
         std::string verb;
         std::string address;
-        uint32_t first = 0;
-        uint32_t second = 0;
+        std::uint32_t first = 0;
+        std::uint32_t second = 0;
         words >> verb;
         if (verb == "allow" && words >> first >> second) {
-            print("-> signalProxyAllowConnection(session " + std::to_string(first) + ", second " +
-                  std::to_string(second) + ")");
+            print("-> signalProxyAllowConnection(session ", first, ", second ", second, ")");
             signalProxyAllowConnection(first, second);
         } else if (verb == "timeout" && words >> first) {
-            print("-> signalProxyListenTimeout(" + std::to_string(first) + " s)");
+            print("-> signalProxyListenTimeout(", first, " s)");
             signalProxyListenTimeout(first);
         } else if (verb == "disconnect" && words >> first >> second >> address) {
-            print("-> signalSessionDisconnected(session " + std::to_string(first) +
-                  ", shadow pid " + std::to_string(second) + ", client " + address + ")");
+            print("-> signalSessionDisconnected(session ", first, ", shadow pid ", second,
+                  ", client ", address, ")");
             signalSessionDisconnected(first, second, address);
         } else if (verb == "stopped") {
             print("-> signalVorlStopped()");
@@ -113,15 +109,15 @@ public:
     }
 
 private:
-    std::string descriptionFile_;
+    std::string descriptionFile;
 };
 
 /// Hands each line of standard input to the service, and stops the dispatcher at its end.
 class CommandInput {
 public:
-    CommandInput(SessionService& service, DBus::BusDispatcher& dispatcher)
-        : service_(service), dispatcher_(dispatcher), watch_(STDIN_FILENO, POLLIN, &dispatcher) {
-        watch_.ready = new DBus::Callback<CommandInput, void, DBus::DefaultWatch&>(
+    CommandInput(SessionService& sessionService, DBus::BusDispatcher& loop)
+        : service(sessionService), dispatcher(loop), watch(STDIN_FILENO, POLLIN, &loop) {
+        watch.ready = new DBus::Callback<CommandInput, void, DBus::DefaultWatch&>(
             this, &CommandInput::readable);
     }
 
@@ -130,22 +126,22 @@ private:
         char buffer[512];
         const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer);
         if (count <= 0) {
-            watch_.enabled(false);
-            dispatcher_.leave();
+            watch.enabled(false);
+            dispatcher.leave();
             return;
         }
-        pending_.append(buffer, static_cast<size_t>(count));
-        for (size_t end; (end = pending_.find('\n')) != std::string::npos;) {
-            const std::string line = pending_.substr(0, end);
-            pending_.erase(0, end + 1);
-            service_.handle(line);
+        pending.append(buffer, static_cast<std::size_t>(count));
+        for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+            const std::string line = pending.substr(0, end);
+            pending.erase(0, end + 1);
+            service.handle(line);
         }
     }
 
-    SessionService& service_;
-    DBus::BusDispatcher& dispatcher_;
-    DBus::DefaultWatch watch_;
-    std::string pending_; // the part of a line that has come so far
+    SessionService& service;
+    DBus::BusDispatcher& dispatcher;
+    DBus::DefaultWatch watch;
+    std::string pending; // the part of a line that has come so far
 };
 
 } // namespace

@@ -1,0 +1,72 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with demo/run
+# The host that the daemon lives on: bus, journal and session service, and the daemon itself.
+
+session=7         # the session id
+second=3          # the second value of an allowance: it names the SAM file
+listen_timeout=30 # seconds
+
+start_bus() {
+    stage bus
+    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
+    start_needed bus dbus-daemon --nofork --nopidfile --nosyslog --config-file="$here/bus.conf" \
+        --address="$DBUS_SYSTEM_BUS_ADDRESS" --print-address=3 3>"$work/bus.address"
+    wait_until 10 test -s "$work/bus.address" || fail "dbus-daemon does not listen"
+    reached "a private system bus, $DBUS_SYSTEM_BUS_ADDRESS"
+}
+
+start_journal() {
+    stage journal
+    grep -qsE '^[0-9a-f]{32}$' /etc/machine-id ||
+        fail "journald needs a machine id: run systemd-machine-id-setup once"
+    mkdir -p /run/log/journal /run/systemd/journal /run/systemd/journald.conf.d
+    cp "$here/journald.conf" /run/systemd/journald.conf.d/zz-vorl-demo.conf
+    start_needed journal /lib/systemd/systemd-journald
+    wait_until 10 test -S /run/systemd/journal/socket || fail "journald has made no socket"
+    reached "a private systemd-journald"
+}
+
+start_service() {
+    stage service
+    mkfifo "$work/commands"
+    exec {commands}<>"$work/commands"
+    start_needed service "$build/vorl_demo_session" "$work/session.json" <"$work/commands"
+    exec {service_output}<"$work/service.log"
+    wait_until 20 seen "owning net.qarel.vorl" || fail "the session service is not on the bus"
+    reached "the session service is on the bus"
+}
+
+# command_service WORDS...: has the session service send a signal.
+command_service() { echo "$*" >&"$commands"; }
+
+start_daemon() {
+    # Free a moment ago; should it be taken meanwhile, the stage "listener" fails.
+    port=$(perl -MIO::Socket::INET -e \
+        'print IO::Socket::INET->new(Listen => 1, LocalAddr => "127.0.0.1")->sockport')
+    # Debian 12's shadow server knows neither /max-connections nor /log-level. -auth: it would
+    # ask PAM for a system account; over NLA the SAM file decides all the same.
+    cat >"$work/vorl_proxy.json" <<-JSON
+	{
+	    "debug:level": "debug",
+	    "listen:addr": "127.0.0.1",
+	    "listen:port": $port,
+	    "x11rdp:path": "/usr/bin/freerdp-shadow-cli",
+	    "x11rdp:args": [ "-auth", "/ipc-socket:%{socket}" ]
+	}
+	JSON
+    stage daemon
+    start_needed daemon "$build/vorl_proxy" --config "$work/vorl_proxy.json"
+    wait_until 20 seen "start: started" || fail "the daemon has not started"
+    command_service timeout "$listen_timeout"
+    wait_until 10 seen "set timeout: $listen_timeout" || fail "the daemon does not hear the service"
+    reached "vorl_proxy runs, and hears the session service"
+}
+
+stop_daemon() {
+    stage stop
+    needed=()
+    command_service stopped
+    wait_until 10 not running daemon || fail "the daemon goes on running"
+    stop daemon
+    ((status == 0)) || fail "the daemon ended with status $status"
+    reached "the session service has gone away, and the daemon with it"
+}

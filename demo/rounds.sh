@@ -1,0 +1,73 @@
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with demo/run
+# What the demo shows: one connection over TLS, two over NLA; or a desktop that stays up.
+
+headline() { printf '\n== %s\n' "$1"; }
+
+round_tls() {
+    headline "TLS: encrypted, no account asked; ended by the session service"
+    describe_tls
+    connect "$password" tls
+    expect_picture tls
+    stage disconnect
+    command_service disconnect "$session" "$shadow_pid" 127.0.0.1
+    expect_nothing_left
+    stop client
+}
+
+round_nla() {
+    headline "NLA with a SAM file: a wrong password"
+    describe_nla
+    connect wrong nla
+    stage refusal
+    wait_until 20 client_refused || fail "the client is still there"
+    stop client
+    ((status != 0)) || fail "the client reports success"
+    grep -q "client authentication failure" "$HOME/.vorl/rdp_transport_${session_uid}_0.log" ||
+        fail "the shadow server does not say that it refused the password"
+    reached "the shadow server has refused the password, and the client seen nothing"
+    expect_nothing_left
+
+    headline "NLA with a SAM file: the right password; ended by the client"
+    connect "$password" nla
+    expect_picture nla
+    stage disconnect
+    stop client
+    expect_nothing_left
+}
+
+client_refused() {
+    ! client_shows_desktop || fail "a wrong password has got the picture"
+    ! running client
+}
+
+# One client after the other, until Ctrl-C. An allowance is good for one listener and one
+# client, and lost on a daemon that is busy with the one before. Nobody tells when that has
+# run into its timeout or failed half way: it is renewed when it must be over.
+stay_up() {
+    local due=0
+    trap 'echo; exit 0' INT
+    headline "The desktop stays up until Ctrl-C"
+    describe_nla
+    listen_timeout=300
+    command_service timeout "$listen_timeout"
+    mark=${#events[@]}
+    while true; do
+        if ((SECONDS >= due)); then
+            command_service allow "$session" "$second"
+            due=$((SECONDS + 10))
+        fi
+        wait_until 1 seen "<- proxy" || continue
+        for (( ; mark < ${#events[@]}; ++mark)); do
+            case ${events[mark]} in
+            *"<- proxyListenStarted"*listening*)
+                due=$((SECONDS + listen_timeout + 2))
+                say "connect with:"$'\n'"$(client_line "$password" nla)"
+                ;;
+            *"<- proxyListenStarted"*) due=$((SECONDS + 5)) ;; # the port is taken
+            # A shadow server has five seconds to start, and as many to go when it does not.
+            *"<- proxyClientConnected"*) due=$((SECONDS + 12)) ;;
+            *"<- proxySessionConnected"*) due=$((SECONDS + 2)) ;;
+            esac
+        done
+    done
+}
