@@ -19,7 +19,7 @@ start_displays() {
         display[$name]=$(<"$work/display.$name")
         xauth -q add ":${display[$name]}" . "$cookie"
     done
-    reached "two X servers, :${display[desktop]} for the desktop and :${display[client]} for the client"
+    reached "X servers :${display[desktop]} for the desktop, :${display[client]} for the client"
 }
 
 # Programs that cannot start others: with --stay, whoever has the password may use them.
@@ -31,7 +31,8 @@ start_desktop() {
     show xclock -geometry 200x200+780+40
     show xlogo -geometry 200x140+780+300
     show xeyes -geometry 200x120+780+500
-    show xcalc -geometry 190x300+510+410 -xrm "*button3.label: sqrt" -xrm "*button3.font: fixed"
+    show xcalc -geometry 210x310+490+400 \
+        -xrm "XCalc*ti.button3.label: sqrt" -xrm "XCalc*ti.button3.font: fixed"
     show xterm -geometry 66x17+30+40 -fa "DejaVu Sans Mono" -fs 11 -bg "#10222f" -fg "#d8e6f0" \
         -ut -e cat "$here/welcome.txt" -
     wait_until 30 desktop_settled || fail "the desktop has not been drawn"
@@ -40,7 +41,7 @@ start_desktop() {
 
 # show PROGRAM ARGUMENTS...: starts an X program, and waits until its window is there.
 show() {
-    start_needed "$1" "$1" -title "$1" "${@:2}"
+    start "$1" "$1" -title "$1" "${@:2}"
     wait_until 20 window_there "$1" || fail "$1 shows no window"
 }
 

@@ -43,14 +43,14 @@ seen() {
 
 # print_line MICROSECONDS SOURCE TEXT: at most 100 columns; our own lines stand out.
 print_line() {
-    local at=$((($1 - began) / 1000)) line indent='' style=$bold
-    [[ $2 != bus && $2 != journal ]] || style=
+    local at=$((($1 - began) / 1000)) line indent='' on=$bold off=$plain
+    [[ $2 != bus && $2 != journal ]] || on='' off=''
     while IFS= read -r line; do
         if [[ -z $indent ]]; then
-            printf '%4d.%03d  %-7s  %s\n' $((at / 1000)) $((at % 1000)) "$2" "$style$line${style:+$plain}"
+            printf '%4d.%03d  %-7s  %s\n' $((at / 1000)) $((at % 1000)) "$2" "$on$line$off"
             indent=$(printf '%27s' '')
         else
-            printf '%s%s\n' "$indent" "$style$line${style:+$plain}"
+            printf '%s%s\n' "$indent" "$on$line$off"
         fi
     done < <(fmt -s -w 73 -g 73 <<<"$3")
 }

@@ -20,7 +20,7 @@ start_journal() {
         fail "journald needs a machine id: run systemd-machine-id-setup once"
     mkdir -p /run/log/journal /run/systemd/journal /run/systemd/journald.conf.d
     cp "$here/journald.conf" /run/systemd/journald.conf.d/zz-vorl-demo.conf
-    start_needed journal /lib/systemd/systemd-journald
+    SYSTEMD_LOG_TARGET=console start_needed journal /lib/systemd/systemd-journald
     wait_until 10 test -S /run/systemd/journal/socket || fail "journald has made no socket"
     reached "a private systemd-journald"
 }

@@ -63,7 +63,7 @@ fail() {
     say "$1"
     {
         for log in "$work"/*.log "$HOME"/.vorl/*.log; do
-            [[ ! -s $log ]] || printf -- '--- %s\n%s\n' "$(basename "$log")" "$(tail -n 8 "$log")"
+            [[ ! -s $log ]] || printf -- '--- %s\n%s\n' "$(basename "$log")" "$(tail -n 40 "$log")"
         done
         echo "demo: FAILED at stage '$stage': $1"
     } >&2

@@ -50,6 +50,7 @@ stay_up() {
     describe_nla
     listen_timeout=300
     command_service timeout "$listen_timeout"
+    say "from another machine, first: ssh -L $port:127.0.0.1:$port $(hostname)"
     mark=${#events[@]}
     while true; do
         if ((SECONDS >= due)); then
