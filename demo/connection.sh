@@ -41,6 +41,7 @@ connect() {
     stage listener
     wait_until 10 seen "<- proxyListenStarted" || fail "the daemon has not tried to listen"
     [[ $event == *listening* ]] || fail "port $port cannot be had"
+    port_open || fail "nobody listens on port $port"
     reached "the daemon waits on 127.0.0.1:$port"
 
     stage client
@@ -48,6 +49,7 @@ connect() {
     read -r -a client < <(client_line "$1" "$2")
     DISPLAY=:${display[client]} start client "${client[@]}" /size:"$size" /f
     wait_until 10 seen "<- proxyClientConnected" || fail "the client has not been accepted"
+    ! port_open || fail "the port is still open for others"
     reached "accepted; the port is closed again"
 
     stage shadow
@@ -63,6 +65,9 @@ connect() {
     [[ $2 != nla ]] || shadow_files+=("$HOME/.vorl/sam_${second}_0")
     reached "the daemon carries bytes between the client and shadow server $shadow_pid"
 }
+
+# In the kernel's table: the port in hexadecimal, no peer, state LISTEN.
+port_open() { grep -q "$(printf ':%04X 00000000:0000 0A' "$port")" /proc/net/tcp; }
 
 shadow_there() {
     local file
