@@ -4,67 +4,60 @@
 #include "proxy/job_transfer.h"
 #include "proxy/relay_step.h"
 
-#include <fcntl.h>
 #include <random>
 
 namespace VorlTest {
 
 class Relay : public Stage {
 protected:
-    // Opens a session with a stub that behaves so, which ends with that text after `finish`.
+    // A session with a stub that behaves so ends with that text after `finish`.
     template<typename Finish>
     void expectEnd(const std::string& mode, const std::string& text, Finish finish) {
         start(stub(mode));
-        Fd client = open();
+        Descriptor client = open();
         finish(client);
         EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 7, result: " + text,
-                                 "PeriodicTask: remove job, session id: 7"}));
-        EXPECT_TRUE(eventually([&] { return daemon.children().empty(); }));
-        EXPECT_TRUE(client < 0 || ends(client));
+                                 "JobTransferStopped: child ended, pid: *"}));
+        EXPECT_TRUE(!client || ends(client));
         stop();
     }
 };
 
 TEST_F(Relay, CarriesEveryByteBothWaysAtOnce) {
-    constexpr size_t total = 100'000'000;
     start();
-    const Fd client = open();
-    std::string sent(total, '\0');
+    const Descriptor client = open();
+    std::string sent(100'000'000, '\0'), back(sent.size(), '\0');
     std::mt19937_64 random(7);
-    for (size_t at = 0; at + sizeof(uint64_t) <= total; at += sizeof(uint64_t)) {
-        const uint64_t word = random();
-        sent.replace(at, sizeof(word), reinterpret_cast<const char*>(&word), sizeof(word));
-    }
+    std::ranges::generate(sent, [&] { return static_cast<char>(random()); });
     std::jthread writer([&] {
-        for (size_t at = 0; at < total;) {
-            const ssize_t size =
-                send(client, sent.data() + at, std::min<size_t>(random() % 99'991 + 1, total - at),
-                     MSG_NOSIGNAL);
-            ASSERT_GT(size, 0);
-            at += static_cast<size_t>(size);
+        for (size_t at = 0, size; at < sent.size(); at += size) {
+            size = std::min(random() % 99'991 + 1, sent.size() - at);
+            ASSERT_EQ(send(client.get(), sent.data() + at, size, MSG_NOSIGNAL), size);
         }
     });
-    std::string back(total, '\0');
-    for (size_t at = 0; at < total;) {
-        const ssize_t size = recv(client, back.data() + at, total - at, 0);
-        ASSERT_GT(size, 0);
-        at += static_cast<size_t>(size);
-    }
-    writer.join();
+    EXPECT_EQ(recv(client.get(), back.data(), back.size(), MSG_WAITALL), back.size());
     EXPECT_TRUE(sent == back);
 }
 
 TEST_F(Relay, TellsHowItEnded) {
-    expectEnd("echo", "recv end stream", [](Fd& client) { client = Fd(); });
-    expectEnd("hangup", "recv end stream", [](Fd&) {});
-    expectEnd("echo", "recv error", [](Fd& client) {
+    expectEnd("echo", "recv end stream", [](Descriptor& client) { client.reset(); });
+    expectEnd("hangup", "recv end stream", [](Descriptor&) {});
+    expectEnd("echo", "recv error", [](Descriptor& client) {
         const linger reset{1, 0};
-        setsockopt(client, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-        client = Fd();
+        setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        client.reset();
     });
     EXPECT_TRUE(journal.saw({"jobTransferIter: recv failed, error: *, code: 104"}));
-    expectEnd("deaf", "send error", [](Fd& client) { send(client, "x", 1, 0); });
+    expectEnd("deaf", "send error", [](Descriptor& client) { send(client.get(), "x", 1, 0); });
     EXPECT_TRUE(journal.saw({"jobTransferIter: send failed, error: Broken pipe, code: 32"}));
+    expectEnd("slow", "unknown", [this](Descriptor&) {
+        service->signalSessionDisconnected(8, shadowPid(), "");
+        service->signalSessionDisconnected(7, shadowPid() + 1, "");
+        service->signalSessionDisconnected(7, shadowPid(), "");
+    });
+    EXPECT_TRUE(journal.saw({"signalSessionDisconnected: session id: 7, *",
+                             "signalSessionDisconnected: session id: 7, *",
+                             "JobTransferStopped: kill transport, pid: *"}));
 }
 
 TEST(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
@@ -73,19 +66,34 @@ TEST(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
     Vorl::Syslog::setDebugLevel(Vorl::DebugLevel::Debug);
     std::promise<int> ended;
     ended.set_value(0);
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    const int unixFd = socket(AF_UNIX, SOCK_STREAM, 0);
     {
-        const Vorl::JobTransfer job(open("/dev/zero", O_RDWR), pair[0], "/run/socket", "/run/sam",
+        const Vorl::JobTransfer job(open("/dev/zero", O_RDWR), unixFd, "/run/socket", "/run/sam",
                                     {0, ended.get_future()}, 7);
         EXPECT_TRUE(eventually([&] { return !job.isRunning(); }));
     }
     EXPECT_TRUE(journal.saw({"hasData: ioctl failed, error: *, code: 25",
                              "JobTransfer: job stopped, session id: 7, result: exception"}));
     EXPECT_EQ(journal.count("JobTransferStopped: kill transport, *"), 0u);
-    std::vector<uint8_t> buffer;
-    EXPECT_EQ(Vorl::jobTransferIter(pair[1], pair[1], buffer), Vorl::relayRecvEndStream);
-    close(pair[1]);
+}
+
+TEST_F(Relay, NothingStaysOfTwoHundredConnectionsAndOfEightAtOnce) {
+    start();
+    EXPECT_TRUE(echoes(open())); // makes what is made once and kept
+    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
+    const std::string before = daemon.holdings();
+    for (uint32_t session = 1; session <= 200; ++session)
+        ASSERT_TRUE(echoes(open(session, session))) << session;
+    EXPECT_TRUE(holds(before));
+    std::vector<Descriptor> clients;
+    for (uint32_t session = 1; session <= 8; ++session)
+        clients.push_back(open(session, session));
+    for (const Descriptor& client : clients)
+        EXPECT_TRUE(
+            echoes(client, std::string(100'000, static_cast<char>('a' + client.get() % 26))));
+    clients.clear();
+    EXPECT_TRUE(holds(before));
+    EXPECT_TRUE(before.ends_with(", children: , files: ")) << before;
 }
 
 } // namespace VorlTest

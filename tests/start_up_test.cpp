@@ -4,18 +4,88 @@ namespace VorlTest {
 
 class StartUp : public Stage {
 protected:
-    // Starts a daemon that ends by itself, with status 0, after these messages.
-    void expectEnd(const std::vector<std::string>& messages) {
+    // Starts a daemon that ends by itself with that status after these messages.
+    void expectEnd(const std::vector<std::string>& messages, int status = 0) {
         journal.forget();
         daemon.start();
-        EXPECT_EQ(daemon.process->wait(), 0);
+        EXPECT_EQ(daemon.process->wait(), status);
         EXPECT_TRUE(journal.saw(messages));
     }
 };
 
+TEST_F(StartUp, ReadsItsCommandLine) {
+    using Arguments = std::vector<std::string>;
+    for (const Arguments& wrong :
+         {Arguments{"-h"}, {"--config"}, {"--config", "x", "--user"}, {"--background", "more"}}) {
+        daemon.arguments = wrong;
+        expectEnd({});
+        const std::string output = readFile(daemon.home / "output");
+        EXPECT_TRUE(
+            output.starts_with("usage: " VORL_PROXY "--background --config <path> --user <user>\n"))
+            << output;
+    }
+    for (const Arguments& absent : {Arguments{}, {"--config", "nowhere.json"}}) {
+        daemon.arguments = absent;
+        expectEnd({}, 1);
+        EXPECT_EQ(readFile(daemon.home / "errors"), "config not found\n");
+    }
+    daemon.arguments = {"--config", "nowhere.json", "--config", "proxy.json"};
+    start();
+    stop();
+    std::filesystem::rename(daemon.configuration, daemon.home / "vorl_proxy.json");
+    daemon.arguments = {};
+    daemon.start();
+    EXPECT_TRUE(journal.saw({"start: started, *", "start: started, *"}));
+}
+
+TEST_F(StartUp, SaysItsVersionAndInTheBackgroundIgnoresSigint) {
+    daemon.arguments.push_back("--background");
+    start();
+    EXPECT_EQ(daemon.process->wait(), 0);
+    const pid_t pid = std::stoi(journal.records().back()["_PID"]);
+    EXPECT_TRUE(
+        journal.saw({"start: started, version VORL PROXY v.2.1.5 build(202507220750), pid: " +
+                     std::to_string(pid) + ", uid: 0"}));
+    kill(pid, SIGINT);
+    service->signalProxyListenTimeout(3);
+    EXPECT_TRUE(journal.saw({"signalProxyListenTimeout: set timeout: 3"}));
+    kill(pid, SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
+    if (!hasAllAccounts())
+        GTEST_SKIP() << "needs root";
+    const std::filesystem::path home = makeDirectory();
+    EXPECT_EQ(chown(home.c_str(), 4711, 4712), 0);
+    std::filesystem::copy(SHADOW_STUB, home / "shadow");
+    std::ofstream(home / "passwd")
+        << "root:x:0:0::/root:/bin/sh\nvorl:x:4711:4712:G:" << home.string() << ":/bin/vorlsh\n";
+    std::ofstream(home / "group") << "primary:x:4712:\nextra:x:4713:vorl\n";
+    const Cover accounts("/etc/passwd", home / "passwd"), groups("/etc/group", home / "group");
+    daemon.arguments = {"--config", "proxy.json", "--user", "vorl"}; // relative to where it starts
+    daemon.workDirectory = home / ".vorl";
+    start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
+    EXPECT_TRUE(journal.saw({"start: started, *, uid: 4711"}));
+    const Descriptor client = open();
+    EXPECT_EQ(shadow("Uid") + shadow("Gid") + shadow("Groups"),
+              "4711\t4711\t4711\t47114712\t4712\t4712\t47124712 4713 ");
+    for (const char* entry : {"USER=vorl", "LOGNAME=vorl", "SHELL=/bin/vorlsh", "TERM=linux"})
+        EXPECT_NE(shadow("environment").find(entry), std::string::npos) << entry;
+    EXPECT_NE(shadow("environment").find("HOME=" + home.string()), std::string::npos);
+    stop();
+
+    daemon.arguments.back() = "nobody-known";
+    start();
+    EXPECT_TRUE(journal.saw({"getUserInfo: getpwnam_r failed, user: `nobody-known', error: *",
+                             "start: started, *, uid: 0"}));
+}
+
 TEST_F(StartUp, AConfigurationThatIsNoObjectEndsIt) {
     const std::string file = daemon.configuration;
-    const std::string notStrict = "readJson: parse failed, path: " + file + ", json error: `*'";
+    const std::string notStrict = "readJson: parse failed, path: " + file + ", json error: `*\n*'";
     const std::string notObject = "ProxyConnection: json not object, file: " + file;
     for (const char* text : {"// remark\n{}", "5", ""}) {
         std::ofstream(file) << text;
@@ -26,62 +96,42 @@ TEST_F(StartUp, AConfigurationThatIsNoObjectEndsIt) {
     std::filesystem::remove(file);
     std::filesystem::create_directory(file);
     expectEnd({"readJson: file: " + file, "exception: *"});
-
     std::filesystem::remove(file);
-    std::ofstream(file) << "{\"debug:level\": \"trace\", "; // the object that it begins counts
+    std::ofstream(file) << "{\"debug:level\": \"trace\", "; // what has been read of it counts
     daemon.start();
     EXPECT_TRUE(journal.saw({notStrict, "setDebugLevel: level: trace", "start: started, *"}));
 }
 
-TEST_F(StartUp, AHomeThatCannotBeUsedEndsIt) {
+TEST_F(StartUp, NeedsAHomeAndTakesTmpWithoutOne) {
     configure();
-    daemon.environment.push_back("HOME=/nowhere");
-    std::swap(daemon.environment[1], daemon.environment.back());
+    daemon.environment[0] = "HOME=/nowhere";
     expectEnd({"ProxyConnection: home not found, path: `/nowhere', uid: 0",
                "exception: ProxyConnection"});
     const std::string loop = daemon.home / "loop";
     std::filesystem::create_symlink(loop, loop);
-    daemon.environment[1] = "HOME=" + loop;
+    daemon.environment[0] = "HOME=" + loop;
     expectEnd({"exception: what: `*', path1: `" + loop +
                "', path2:`', code value: 40, code message: `*', category name: `*'"});
-}
-
-TEST_F(StartUp, WithoutHomeItWorksInTmp) {
-    std::filesystem::copy(VORL_PROXY, "/run/vorl_proxy"); // the build may be in /tmp
-    const Cover emptyTmp("/tmp");
-    daemon.environment[1] = "UNSET=";
-    daemon.program = "/run/vorl_proxy";
+    std::filesystem::copy(VORL_PROXY, daemon.program = "/run/vorl_proxy"); // build in /tmp?
+    const Cover tmp("/tmp");
+    daemon.environment[0] = "UNSET=";
     start();
     EXPECT_TRUE(std::filesystem::is_directory("/tmp/.vorl"));
     stop();
 }
 
-TEST_F(StartUp, AServiceThatIsNotReadyEndsIt) {
+TEST_F(StartUp, NeedsAServiceAndABus) {
     configure();
-    service.answerTest("");
+    service.reply("vorlTest", "");
     expectEnd({"setDebugLevel: level: debug", "start: check service: failed"});
-    service.answer("vorlTest", SessionService::Answer::Error);
+    service.answer("vorlTest", Answer::Error);
     expectEnd({"dbus error: as told"});
     service.leave();
     expectEnd({"dbus error: *"});
-}
-
-TEST_F(StartUp, WithoutABusItAborts) {
-    configure();
     bus.daemon.signal(SIGKILL);
     EXPECT_TRUE(bus.daemon.wait());
-    daemon.start();
-    EXPECT_EQ(daemon.process->wait(), 128 + SIGABRT);
+    expectEnd({}, 128 + SIGABRT); // by intent: nothing to report to
     daemon.process.reset();
-}
-
-TEST_F(StartUp, SaysItsVersion) {
-    start();
-    const std::string pid = std::to_string(daemon.process->pid());
-    EXPECT_TRUE(
-        journal.saw({"start: started, version VORL PROXY v.2.1.5 build(202507220750), pid: " + pid +
-                     ", uid: 0"}));
-    EXPECT_EQ(service.calls(), std::vector<std::string>{"vorlTest"});
 }
 
 } // namespace VorlTest
