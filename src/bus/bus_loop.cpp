@@ -38,14 +38,16 @@ void BusLoop::enter() {
         dispatch_pending();
         if (!dbus_connection_get_is_connected(bus))
             return;
-        waitForInput();
+        waitForTraffic();
         // Without waiting: when another thread is in a call, it reads for both of us.
         dbus_connection_read_write(bus, 0);
     }
 }
 
-void BusLoop::waitForInput() const {
+void BusLoop::waitForTraffic() const {
     pollfd entry{-1, POLLIN, 0};
+    if (dbus_connection_has_messages_to_send(bus))
+        entry.events = POLLIN | POLLOUT;
     if (dbus_connection_get_unix_fd(bus, &entry.fd))
         poll(&entry, 1, turnMilliseconds);
 }

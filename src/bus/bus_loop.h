@@ -36,7 +36,7 @@ public:
     void hangUp();
 
 private:
-    void waitForInput() const;
+    void waitForTraffic() const;
 
     DBus::Connection::Private* queueEntry = nullptr; // written by attach()
     DBusConnection* bus = nullptr;                   // written by attach()

@@ -11,7 +11,6 @@
 #include <system_error>
 #include <thread>
 
-#include <fcntl.h>
 
 namespace Vorl {
 
@@ -45,15 +44,6 @@ void removeStaleSocket(const fs::path& path) {
     std::error_code ignored;
     if (isSocket(path))
         fs::remove(path, ignored);
-}
-
-/// Keeps one descriptor for the connection to the shadow server: without it, a shadow server would
-/// be started that cannot be reached and does not end.
-Descriptor reserveDescriptor() {
-    Descriptor reserved(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (!reserved)
-        throw std::system_error(errno, std::generic_category(), "no descriptor left");
-    return reserved;
 }
 
 /// @return false after an error line when the shadow server has made no socket in time, or the
@@ -169,13 +159,11 @@ bool ProxyConnection::createJob(Admission& admission) {
     auto& [sessionId, ordinal, socketPath, samPath, remoteAddress, client, transport] = admission;
     try {
         removeStaleSocket(socketPath);
-        Descriptor reserved = reserveDescriptor();
         transport = requestRdpTransport(socketPath, samPath, sessionId, ordinal);
         if (!waitForSocket(socketPath, sessionId)) {
             abandon(admission);
             return false;
         }
-        reserved.reset();
         Descriptor local = connectToTransport(socketPath);
         if (!local) {
             client.reset();
