@@ -30,7 +30,7 @@ TEST_F(Failure, OfTheSessionDescription) {
         expect(json, {"JsonConfigString: config failed, not json object: `" + json + "'",
                       failed + "JsonConfigString, session id: 7"});
     for (const char* json : {R"({"home": "a%{home}"})", R"({"xauthfile": "%{authfile}"})"})
-        expect(json, {"prepareX11RdpArgs: session description refused, *", failed + "*"});
+        expect(json, {"prepareX11RdpArgs: launch refused, *", failed + "*"});
     service.answer("vorlSessionInfoJson", Answer::Error);
     expectFailure({toldSo});
     EXPECT_TRUE(holds(before));

@@ -1,0 +1,182 @@
+#include "fixtures/stage.h"
+
+#include <list>
+
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+namespace VorlTest {
+
+class ResourceFault : public Stage {
+protected:
+    // An allowance that comes to nothing, with that among the messages; its client is let go.
+    void expectNothing(const std::string& message, const std::string& before) {
+        journal.forget();
+        service->signalProxyAllowConnection(7, 3);
+        const Descriptor client = connectTo(port, 1s); // there may be no listener
+        EXPECT_TRUE(journal.saw({message}));
+        EXPECT_TRUE(!client || ends(client));
+        // But for files, which the next connection overwrites.
+        EXPECT_TRUE(eventually([&] { return daemon.holdings().starts_with(before); }));
+    }
+};
+
+TEST_F(ResourceFault, WithoutDescriptorsItGoesOnOnceThereAreSome) {
+    start();
+    EXPECT_TRUE(echoes(open())); // makes what is made once and kept
+    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
+    const std::string before = daemon.holdings();
+    rlimit limit{};
+    prlimit(daemon.process->pid(), RLIMIT_NOFILE, nullptr, &limit);
+    for (const size_t left : {0, 1, 2}) { // none, the listener's, and the client's
+        limit.rlim_cur = daemon.descriptors() + left;
+        ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+        if (left < 2)
+            expectNothing("*Too many open files*", before);
+    }
+    EXPECT_TRUE(echoes(open()));
+    EXPECT_EQ(shadow("descriptors"), "0 1 2 ");
+}
+
+TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
+    if (!hasAllAccounts())
+        GTEST_SKIP() << "needs root, to run the daemon as somebody whom the limit holds";
+    const std::filesystem::path home = makeDirectory();
+    ASSERT_EQ(chown(home.c_str(), 4715, 4715), 0);
+    std::filesystem::copy(SHADOW_STUB, home / "shadow");
+    std::ofstream(home / "passwd") << "few:x:4715:4715::" << home.string() << ":/bin/sh\n";
+    const Cover accounts("/etc/passwd", home / "passwd");
+    daemon.arguments.insert(daemon.arguments.end(), {"--user", "few"});
+    daemon.workDirectory = home / ".vorl";
+    rlimit limit{};
+    getrlimit(RLIMIT_NPROC, &limit);
+    limit.rlim_cur = 12;
+    setrlimit(RLIMIT_NPROC, &limit); // inherited by the daemon, whose threads count
+    start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
+    const std::string before = daemon.holdings();
+    std::list<Process> others;
+    const auto leave = [&](size_t left) {
+        while (others.size() > 10 - left)
+            others.pop_back();
+        while (others.size() < 10 - left) {
+            Process& other =
+                others.emplace_back(std::vector<std::string>{"/usr/bin/setpriv", "--reuid=4715",
+                                                             "--clear-groups", "/bin/sleep", "300"},
+                                    std::vector<std::string>{}, home);
+            const std::string comm = "/proc/" + std::to_string(other.pid()) + "/comm";
+            EXPECT_TRUE(eventually([&] { return readFile(comm) == "sleep\n"; }));
+        }
+    };
+    leave(0); // not even for the acceptance task
+    expectNothing("signalProxyAllowConnection: exception: Resource temporarily *", before);
+    leave(1); // nor for the shadow server
+    expectNothing("runChildProcess: fork failed, error: Resource temporarily *", before);
+    for (const size_t left : {2, 3}) { // its waiter, the relay
+        leave(left);
+        expectNothing("*: system error: Resource temporarily *", before);
+        EXPECT_TRUE(journal.saw({"actionCreateTransport: child ended, pid: *"}));
+    }
+    others.clear();
+    EXPECT_TRUE(echoes(open()));
+}
+
+TEST_F(ResourceFault, WithoutSpaceNoSamFileIsHandedOver) {
+    const std::filesystem::path full = daemon.workDirectory;
+    create_directory(full);
+    ASSERT_EQ(mount("none", full.c_str(), "tmpfs", 0, "size=4k,mode=700"), 0);
+    start();
+    std::ofstream(full / "filler") << std::string(8192, 'x');
+    allow();
+    EXPECT_TRUE(ends(connectTo(port)));
+    EXPECT_TRUE(journal.saw({"prepareX11RdpArgs: write failed, error: No space left on device, *",
+                             "actionCreateTransport: exception: prepareX11RdpArgs, *"}));
+    EXPECT_FALSE(exists(full / "sam_3_0"));
+    std::filesystem::remove(full / "filler");
+    ASSERT_EQ(mount("none", full.c_str(), "tmpfs", MS_REMOUNT, "size=1m"), 0);
+    EXPECT_TRUE(echoes(open()));
+    EXPECT_EQ(readFile(full / "sam_3_0"), "alice:::878d8014606cda29677a44efa1353fc7:::\n");
+    stop();
+    daemon.process.reset();
+    umount2(full.c_str(), MNT_DETACH);
+}
+
+TEST_F(ResourceFault, APortInUseCostsTheAllowanceAndOneDescriptor) {
+    start();
+    allow(); // makes what is made once and kept
+    service->signalSessionDisconnected(7, 0, "");
+    EXPECT_TRUE(journal.saw({"*: exception: session disconnected, *"}));
+    const size_t before = daemon.descriptors();
+    {
+        const Descriptor other = boundSocket("127.0.0.1", port);
+        listen(other.get(), 1);
+        for (int i = 0; i < 500; ++i)
+            allow();
+        EXPECT_EQ(service.count("proxyListenStarted 7 false"), 500u);
+        EXPECT_TRUE(eventually([&] { return daemon.descriptors() == before + 500; }))
+            << daemon.descriptors() << " after " << before;
+    }
+    EXPECT_TRUE(echoes(open()));
+}
+
+TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
+    const auto refused = [this] {
+        configure();
+        journal.forget();
+        daemon.start();
+        EXPECT_EQ(daemon.process->wait(), 0);
+        EXPECT_TRUE(journal.saw({"ProxyConnection: work directory is a link or belongs to another "
+                                 "account, *, path: `" +
+                                     daemon.workDirectory.string() + "', uid: *",
+                                 "exception: ProxyConnection"}));
+    };
+    const std::filesystem::path elsewhere = makeDirectory();
+    create_directory_symlink(elsewhere, daemon.workDirectory);
+    refused();
+    std::filesystem::remove(daemon.workDirectory);
+    create_directory(daemon.workDirectory);
+    if (hasAllAccounts()) {
+        ASSERT_EQ(chown(daemon.workDirectory.c_str(), 12345, 12345), 0);
+        refused();
+        ASSERT_EQ(chown(daemon.workDirectory.c_str(), 0, 0), 0);
+    }
+    const std::filesystem::path precious = elsewhere / "precious"; // no file is followed to it
+    std::ofstream(precious) << "kept";
+    create_symlink(precious, daemon.workDirectory / "sam_3_0");
+    create_symlink(precious, daemon.workDirectory / "rdp_transport_1000_0.log");
+    start();
+    EXPECT_TRUE(echoes(open()));
+    EXPECT_EQ(readFile(precious), "kept");
+}
+
+TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
+    start(stub("mute"));
+    open(); // makes what is made once and kept
+    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
+    const std::string before = daemon.holdings();
+    for (int i = 0; i < 20; ++i) {
+        allow();
+        Descriptor client = connectTo(port);
+        const std::string noise(static_cast<size_t>(i) * 1000, static_cast<char>(i * 37));
+        send(client.get(), noise.data(), noise.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        const linger reset{i % 2, 0};
+        setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        if (i % 3 == 0)
+            shutdown(client.get(), SHUT_WR);
+    }
+    EXPECT_TRUE(holds(before));
+}
+
+TEST_F(ResourceFault, AfterAKillTheNextDaemonWorks) {
+    start();
+    const Descriptor client = open();
+    const pid_t orphan = static_cast<pid_t>(shadowPid());
+    daemon.process->signal(SIGKILL);
+    EXPECT_EQ(daemon.process->wait(), 128 + SIGKILL);
+    EXPECT_TRUE(ends(client));
+    start();
+    EXPECT_TRUE(echoes(open()));
+    EXPECT_NE(static_cast<pid_t>(shadowPid()), orphan);
+    kill(orphan, SIGKILL);
+}
+
+} // namespace VorlTest

@@ -1,0 +1,109 @@
+#include "fixtures/stage.h"
+
+namespace VorlTest {
+
+class ServiceFault : public Stage {
+protected:
+    // Brings the daemon to a call of that method, which is not answered.
+    Descriptor reach(const std::string& method, Answer how) {
+        service.answer(method, how);
+        const size_t before = service.count(method + " *");
+        service->signalProxyAllowConnection(7, 3);
+        Descriptor client;
+        if (method != "proxyListenStarted")
+            client = connectTo(port);
+        EXPECT_TRUE(eventually([&] { return service.count(method + " *") > before; })) << method;
+        return client;
+    }
+
+    const std::vector<std::string> acceptanceCalls = {"proxyListenStarted", "proxyClientConnected",
+                                                      "vorlSessionInfoJson",
+                                                      "proxySessionConnected"};
+};
+
+TEST_F(ServiceFault, SignalsAreHandledWhileACallWaits) {
+    start();
+    const Descriptor client = reach("vorlSessionInfoJson", Answer::Held);
+    for (uint32_t seconds = 1; seconds <= 100; ++seconds) {
+        service->signalProxyListenTimeout(seconds);
+        ASSERT_TRUE(journal.saw({"*: set timeout: " + std::to_string(seconds)}, 2s));
+    }
+    for (uint32_t seconds = 200; seconds < 300; ++seconds) // around the answer
+        service->signalProxyListenTimeout(seconds);
+    service.answer("vorlSessionInfoJson", Answer::Reply);
+    service->signalProxyListenTimeout(300);
+    EXPECT_TRUE(journal.saw({"*: set timeout: 299", "*: set timeout: 300"}, 2s));
+    EXPECT_EQ(journal.count("*: set timeout: *"), 201u);
+    EXPECT_TRUE(echoes(client));
+}
+
+TEST_F(ServiceFault, NoUnansweredCallHoldsUpTheStop) {
+    for (const std::string& method : acceptanceCalls) {
+        start();
+        const Descriptor client = reach(method, Answer::Never);
+        if (method == "proxySessionConnected") // its handler waits for what the call holds
+            service->signalSessionDisconnected(7, shadowPid(), "");
+        daemon.process->signal(SIGTERM);
+        EXPECT_EQ(daemon.process->wait(6s), 0) << method;
+        EXPECT_TRUE(!client || ends(client)) << method;
+        service.answer(method, Answer::Reply);
+    }
+    service.answer("vorlTest", Answer::Never);
+    journal.forget();
+    daemon.start();
+    EXPECT_TRUE(eventually([&] { return service.count("vorlTest") == 5; }));
+    daemon.process->signal(SIGTERM);
+    EXPECT_EQ(daemon.process->wait(6s), 0);
+    EXPECT_TRUE(journal.saw({"dbus error: *"}));
+}
+
+TEST_F(ServiceFault, TheServiceMayGoAndComeBack) {
+    start();
+    const Descriptor client = open(7);
+    service.leave();
+    service.comeBack();
+    EXPECT_TRUE(echoes(client));
+    const std::string before = daemon.holdings();
+    reach("proxyListenStarted", Answer::Held);
+    service.leave();
+    service.comeBack();
+    service.answer("proxyListenStarted", Answer::Reply);
+    EXPECT_TRUE(echoes(open(8, 8)));
+    EXPECT_TRUE(holds(before));
+}
+
+TEST_F(ServiceFault, SignalsThatDoNotFitAreIgnored) {
+    start();
+    const std::string before = daemon.holdings();
+    for (int i = 0; i < 10'000; ++i)
+        service.sendText(i % 2 ? "signalProxyAllowConnection" : "signalNobodyKnows", "text");
+    service->signalProxyListenTimeout(3);
+    EXPECT_TRUE(journal.saw({"SignalFilter: signal ignored, wrong arguments: "
+                             "signalProxyAllowConnection, sender: :*",
+                             "*: set timeout: 3"}));
+    service.sendText("signalSessionDisconnected", "text");
+    EXPECT_TRUE(journal.saw({"SignalFilter: *: signalSessionDisconnected, *"}));
+    EXPECT_TRUE(holds(before));
+    EXPECT_TRUE(echoes(open()));
+    service.sendText("signalVorlStopped", "more than it needs");
+    EXPECT_EQ(daemon.process->wait(), 0);
+}
+
+TEST_F(ServiceFault, TheEndOfTheBusEndsTheDaemonInOrder) {
+    for (const bool calling : {false, true}) {
+        start();
+        const Descriptor client = open(7);
+        const pid_t shadowServer = static_cast<pid_t>(shadowPid());
+        if (calling)
+            reach("proxyListenStarted", Answer::Never);
+        bus.daemon.signal(SIGKILL);
+        EXPECT_EQ(daemon.process->wait(10s), 0);
+        EXPECT_TRUE(journal.saw({"start: connection to the system bus lost, *"}));
+        EXPECT_TRUE(ends(client));
+        EXPECT_NE(kill(shadowServer, 0), 0);
+        if (!calling)
+            break;
+    }
+}
+
+} // namespace VorlTest
