@@ -1,4 +1,8 @@
 #include "fixtures/stage.h"
+#include "proxy/globals.h"
+#include "proxy/job_transfer.h"
+
+#include <future>
 
 #include <sys/ioctl.h>
 
@@ -91,6 +95,42 @@ TEST_F(ShadowFault, AnEndIsSeenWhileTheOtherSideTakesNothing) {
     }
     client.reset();
     EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, *", "JobTransferStopped: child ended, *"}));
+}
+
+// With a small buffer to the client the relay thread stands in the middle of a send.
+TEST(RelayJob, EndsWhileItsSendIsBlocked) {
+    Journal journal;
+    Vorl::proxyRunning = true;
+    for (const bool dropped : {false, true}) {
+        const Descriptor listener = boundSocket("127.0.0.1", 0);
+        listen(listener.get(), 1);
+        sockaddr_in address{};
+        socklen_t size = sizeof(address);
+        getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
+        Descriptor client = connectTo(ntohs(address.sin_port));
+        const int accepted = accept(listener.get(), nullptr, nullptr);
+        const int small = 4096;
+        setsockopt(accepted, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        int local[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, local), 0);
+        const Descriptor shadowServer(local[1]);
+        fcntl(local[1], F_SETFL, O_NONBLOCK);
+        std::promise<int> ended;
+        ended.set_value(0);
+        auto job = std::make_unique<Vorl::JobTransfer>(
+            accepted, local[0], "", "", Vorl::TransportHandle(0, ended.get_future()), 7);
+        const std::string flood(1 << 16, 'x');
+        for (int idle = 0; idle < 20; std::this_thread::sleep_for(10ms)) // until nothing moves
+            idle = send(local[1], flood.data(), flood.size(), MSG_NOSIGNAL) > 0 ? 0 : idle + 1;
+        if (dropped)
+            job->dropClient();
+        const auto gone = std::async(std::launch::async, [&job] { job.reset(); });
+        EXPECT_EQ(gone.wait_for(5s), std::future_status::ready) << dropped;
+        if (!dropped) {
+            EXPECT_EQ(journal.count("*send failed*"), 0u) << "the end of a job is no fault";
+        }
+        client.reset(); // releases a send that would hold up the test
+    }
 }
 
 } // namespace VorlTest
