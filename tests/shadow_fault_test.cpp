@@ -81,7 +81,7 @@ TEST_F(ShadowFault, OneThatRefusesDoesNotKeepTheDaemonFromStopping) {
     allow();
     EXPECT_TRUE(ends(connectTo(port)));
     daemon.process->signal(SIGTERM);
-    EXPECT_EQ(daemon.process->wait(8s), 0);
+    EXPECT_EQ(daemon.process->wait(2500ms), 0) << "before the shadow server ends by itself";
     EXPECT_TRUE(journal.saw({"*: transport not started, *", "*: child ended, *"}));
 }
 

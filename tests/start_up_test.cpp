@@ -112,12 +112,13 @@ TEST_F(StartUp, NeedsAHomeAndTakesTmpWithoutOne) {
     daemon.environment[0] = "HOME=" + loop;
     expectEnd({"exception: what: `*', path1: `" + loop +
                "', path2:`', code value: 40, code message: `*', category name: `*'"});
-    std::filesystem::copy(VORL_PROXY, daemon.program = "/run/vorl_proxy"); // build in /tmp?
-    const Cover tmp("/tmp");
-    daemon.environment[0] = "UNSET=";
-    start();
+    std::filesystem::copy(VORL_PROXY, daemon.program = "/run/vorl_proxy");
+    const Cover tmp("/tmp"); // which may hide the build, and a sanitizer's options
+    daemon.environment = {daemon.environment[1]};
+    service.reply("vorlTest", "");
+    expectEnd({"start: check service: failed"});
     EXPECT_TRUE(std::filesystem::is_directory("/tmp/.vorl"));
-    stop();
+    daemon.process.reset();
 }
 
 TEST_F(StartUp, NeedsAServiceAndABus) {
