@@ -49,7 +49,7 @@ TEST_F(Library, ALongSocketPathIsCut) {
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, 107);
     const Descriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
-    bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     EXPECT_EQ(listen(listener.get(), 1), 0);
     EXPECT_TRUE(Descriptor(Socket::unixConnect(path)));
     EXPECT_TRUE(journal.saw({"unixConnect: unix path is long, truncated to size: 107",

@@ -20,11 +20,8 @@ TEST(Logging, EachLevelLetsItsSeveritiesThrough) {
         Syslog::warning("%s", "4");
         Syslog::error("%s", "3");
         const std::string console = testing::internal::GetCapturedStderr();
-        const std::string line = "[[]*/*/* *:*:*]\t";
-        const std::string lines =
-            line + "7\n" + line + "6\n" + line + "5\n" + line + "4\n" + line + "3\n";
-        EXPECT_EQ(fnmatch(level == DebugLevel::Console ? lines.c_str() : "", console.c_str(), 0),
-                  0);
+        const char* const lines = "[[]*/*/* *:*:*]\t7\n[[]*]\t6\n[[]*]\t5\n[[]*]\t4\n[[]*]\t3\n";
+        EXPECT_EQ(fnmatch(level == DebugLevel::Console ? lines : "", console.c_str(), 0), 0);
         EXPECT_EQ(Syslog::isTraceMode(), level == DebugLevel::Trace);
 
         Syslog::setDebugLevel(DebugLevel::Info);

@@ -26,7 +26,9 @@ protected:
 TEST_F(Relay, CarriesEveryByteBothWaysAtOnce) {
     start();
     const Descriptor client = open();
-    std::string sent(100'000'000, '\0'), back(sent.size(), '\0');
+    std::string sent, back;
+    sent.resize(100'000'000);
+    back.resize(sent.size());
     std::mt19937_64 random(7);
     std::ranges::generate(sent, [&] { return static_cast<char>(random()); });
     std::jthread writer([&] {

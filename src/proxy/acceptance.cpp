@@ -26,7 +26,7 @@ constexpr const char* function = "actionCreateTransport";
 constexpr int clientPollMilliseconds = 1;
 constexpr int clientPauseMilliseconds = 250;
 constexpr auto socketLimit = 5s;
-constexpr auto socketPause = 10ms;
+constexpr auto socketPause = 1ms;
 constexpr int connectAttempts = 5;
 constexpr auto connectPause = 50ms;
 

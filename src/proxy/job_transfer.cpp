@@ -3,6 +3,7 @@
 #include "common/descriptor.h"
 #include "logger"
 #include "proxy/globals.h"
+#include "proxy/relay_buffers.h"
 #include "proxy/relay_step.h"
 #include "proxy/traffic_wait.h"
 
@@ -21,6 +22,7 @@ JobTransfer::JobTransfer(int client, int local, const std::string& socketFile,
                          std::uint32_t session)
     : socketFd(client), unixFd(local), sessionId(session), socketPath(socketFile),
       samPath(samFile) {
+    sizeRelayBuffers(socketFd, unixFd);
     thread = std::thread(&JobTransfer::relay, this);
     transport = std::move(shadowServer);
 }
