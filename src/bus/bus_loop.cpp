@@ -21,6 +21,7 @@ template struct PrivateAccess<&DBus::Connection::_pvt>;
 DBus::Connection::Private* privatePartOf(DBus::Connection& connection);
 
 constexpr int turnMilliseconds = 50;
+constexpr int writeTurnMilliseconds = 2;
 
 } // namespace
 
@@ -38,18 +39,20 @@ void BusLoop::enter() {
         dispatch_pending();
         if (!dbus_connection_get_is_connected(bus))
             return;
-        waitForTraffic();
+        waitForInput();
         // Without waiting: when another thread is in a call, it reads for both of us.
         dbus_connection_read_write(bus, 0);
     }
 }
 
-void BusLoop::waitForTraffic() const {
+void BusLoop::waitForInput() const {
     pollfd entry{-1, POLLIN, 0};
-    if (dbus_connection_has_messages_to_send(bus))
-        entry.events = POLLIN | POLLOUT;
+    // Not for POLLOUT: while another thread is in a call, what is queued cannot be written here,
+    // and a socket with room would have the loop spin.
+    const int turn =
+        dbus_connection_has_messages_to_send(bus) ? writeTurnMilliseconds : turnMilliseconds;
     if (dbus_connection_get_unix_fd(bus, &entry.fd))
-        poll(&entry, 1, turnMilliseconds);
+        poll(&entry, 1, turn);
 }
 
 void BusLoop::hangUp() {

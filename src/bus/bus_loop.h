@@ -36,7 +36,7 @@ public:
     void hangUp();
 
 private:
-    void waitForTraffic() const;
+    void waitForInput() const;
 
     DBus::Connection::Private* queueEntry = nullptr; // written by attach()
     DBusConnection* bus = nullptr;                   // written by attach()

@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <system_error>
 
 namespace Json {
 
@@ -109,7 +110,11 @@ JsonConfigString::JsonConfigString(const std::string& text) : JsonConfig(Json::V
 Json::Value readJson(const std::filesystem::path& path) {
     Syslog::info("%s: file: %s", "readJson", path.c_str());
     Json::Value root;
-    std::ifstream file(path);
+    std::error_code ignored;
+    // Opening a FIFO would wait for a writer, and the daemon with it.
+    std::ifstream file;
+    if (!std::filesystem::is_fifo(path, ignored))
+        file.open(path);
     if (!file.is_open()) {
         Syslog::error("%s: open failed, path: %s", "readJson", path.c_str());
         return root;

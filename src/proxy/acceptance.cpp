@@ -11,7 +11,6 @@
 #include <system_error>
 #include <thread>
 
-
 namespace Vorl {
 
 namespace fs = std::filesystem;
@@ -64,11 +63,12 @@ bool waitForSocket(const fs::path& path, std::uint32_t sessionId) {
     return true;
 }
 
-/// Tries again for a moment when refused: the socket's file may stand before the shadow server
-/// listens on it.
+/// Tries again for a moment when refused, since the socket's file may stand before the shadow
+/// server listens on it, and when descriptors are short.
 Descriptor connectToTransport(const std::string& path) {
     Descriptor local(Socket::unixConnect(path));
-    for (int attempt = 1; !local && errno == ECONNREFUSED && attempt < connectAttempts; ++attempt) {
+    const auto mayPass = [] { return errno == ECONNREFUSED || errno == EMFILE || errno == ENFILE; };
+    for (int attempt = 1; !local && mayPass() && attempt < connectAttempts; ++attempt) {
         std::this_thread::sleep_for(connectPause);
         local = Descriptor(Socket::unixConnect(path));
     }
@@ -152,7 +152,7 @@ void ProxyConnection::abandon(Admission& admission) {
     if (!admission.transport.second.valid())
         return;
     terminateTransport(admission.transport);
-    releaseTransport(admission.transport, function);
+    releaseTransport(admission.transport, Clock::now(), function);
 }
 
 bool ProxyConnection::createJob(Admission& admission) {
@@ -192,8 +192,7 @@ void ProxyConnection::registerJob(Admission& admission, Descriptor local) {
     Syslog::debug("%s: session id: %u, create transfer job, socket: %d, unix: %d", function,
                   admission.sessionId, socketFd, unixFd);
     try {
-        proxySessionConnected(admission.sessionId, static_cast<std::uint32_t>(job.transportPid()),
-                              admission.remoteAddress);
+        proxySessionConnected(admission.sessionId, job.transportPid(), admission.remoteAddress);
     } catch (...) {
         // The service does not confirm the connection: the client goes, the job stays in the list
         // until its relay ends or the service disconnects the session. Still under the lock: the

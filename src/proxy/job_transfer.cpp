@@ -27,7 +27,7 @@ JobTransfer::JobTransfer(int client, int local, const std::string& socketFile,
     transport = std::move(shadowServer);
 }
 
-JobTransfer::~JobTransfer() {
+void JobTransfer::stop() {
     running = false;
     if (transportRunning(transport)) {
         Syslog::debug("%s: kill transport, pid: %d", "JobTransferStopped", transport.first);
@@ -36,11 +36,17 @@ JobTransfer::~JobTransfer() {
     // Wakes the thread from its wait, and from a send to a client that has stopped reading.
     shutdown(socketFd, SHUT_RDWR);
     shutdown(unixFd, SHUT_RDWR);
+    stopTime = std::chrono::steady_clock::now();
+}
+
+JobTransfer::~JobTransfer() {
+    if (stopTime == std::chrono::steady_clock::time_point())
+        stop();
     if (thread.joinable())
         thread.join();
     close(socketFd);
     close(unixFd);
-    releaseTransport(transport, "JobTransferStopped");
+    releaseTransport(transport, stopTime, "JobTransferStopped");
 
     std::error_code ignored;
     std::filesystem::remove(socketPath, ignored);

@@ -3,6 +3,7 @@
 #include "proxy/transport_handle.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -33,9 +34,16 @@ public:
     ~JobTransfer();
 
     [[nodiscard]] std::uint32_t session() const { return sessionId; }
-    [[nodiscard]] int transportPid() const { return transport.first; }
+    [[nodiscard]] std::uint32_t transportPid() const {
+        return static_cast<std::uint32_t>(transport.first);
+    }
     /// False once the relay is over. Any thread.
     [[nodiscard]] bool isRunning() const { return running; }
+
+    /// Tells relay and shadow server to end, without waiting for either. The destructor does it as
+    /// well: for several jobs, stop all before the first is destroyed, and their graces run at
+    /// once.
+    void stop();
 
     /// Ends the client's connection and leaves the relay as it is. The descriptor's number stays
     /// taken until the job ends: the next client would otherwise get it, and this relay would carry
@@ -54,6 +62,7 @@ private:
     const std::string samPath;
     std::vector<std::uint8_t> buffer; // both directions; only the relay thread
     TransportHandle transport;
+    std::chrono::steady_clock::time_point stopTime; // of stop(); the owner's
 };
 
 } // namespace Vorl

@@ -25,12 +25,7 @@ constexpr auto periodicSleep = 150ms;
 
 void ProxyConnection::start() {
     umask(027);
-    std::string answer;
-    {
-        const HeldSignalWatch watch;
-        answer = vorlTest();
-    }
-    if (answer.empty()) {
+    if (vorlTest().empty()) {
         Syslog::notice("%s: check service: %s", "start", "failed");
         return;
     }
@@ -71,14 +66,6 @@ void ProxyConnection::periodicTask() {
     }
     serviceManager.stopping();
     proxyDispatcher.leave();
-
-    // The acceptance task sees the end of proxyRunning by itself, but not inside a bus call, where
-    // it may wait 25 seconds for an answer and even hold the mutex that a signal handler wants.
-    const auto deadline = Clock::now() + answerGrace;
-    while (accepting && Clock::now() < deadline)
-        std::this_thread::sleep_for(10ms);
-    if (accepting)
-        proxyDispatcher.hangUp();
 }
 
 bool ProxyConnection::sweepFinishedJobs() {
@@ -86,15 +73,12 @@ bool ProxyConnection::sweepFinishedJobs() {
     const std::unique_lock lock(jobsMutex, std::try_to_lock);
     if (!lock)
         return false;
-    std::list<JobTransfer> finished; // destroyed before the lock is given back
-    for (auto job = jobs.begin(); job != jobs.end();) {
-        const auto next = std::next(job);
-        if (!job->isRunning())
-            finished.splice(finished.end(), jobs, job);
-        job = next;
-    }
+    removeDisconnected();
+    std::list<JobTransfer> finished =
+        takeJobs([](const JobTransfer& job) { return !job.isRunning(); });
     for (const JobTransfer& job : finished)
         Syslog::debug("%s: remove job, session id: %u", "PeriodicTask", job.session());
+    stopAll(finished);
     serviceManager.showActivity(jobs.size(), accepting ? std::optional(listeningSessionId.load())
                                                        : std::nullopt);
     return true;

@@ -6,11 +6,20 @@
 #include "proxy/work_directory.h"
 
 #include <algorithm>
+#include <chrono>
+#include <iterator>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace Vorl {
+
+namespace {
+
+/// How long a stop waits for the answer to a bus call before it ends the bus connection.
+constexpr std::chrono::seconds answerGrace{2};
+
+} // namespace
 
 ProxyConnection::ProxyConnection(DBus::Connection& connection, const std::string& configFile,
                                  const char* objectPath, const char* busName)
@@ -30,12 +39,14 @@ ProxyConnection::ProxyConnection(DBus::Connection& connection, const std::string
 ProxyConnection::~ProxyConnection() {
     proxyRunning = false;
     listenCancel = true;
-    if (!listener.valid())
-        return;
-    // Inside a bus call it sees neither flag, and an answer may take 25 seconds.
-    if (listener.wait_for(answerGrace) != std::future_status::ready)
-        proxyDispatcher.hangUp();
-    listener.wait();
+    // Inside a bus call the acceptance task sees neither flag, and an answer may take 25 seconds.
+    if (listener.valid())
+        listener.wait_for(answerGrace);
+    // So may each call by which the bus library takes its match rules back.
+    proxyDispatcher.hangUp();
+    if (listener.valid())
+        listener.wait();
+    stopAll(jobs);
 }
 
 bool ProxyConnection::reloadConfigWatcher() {
@@ -97,12 +108,45 @@ void ProxyConnection::signalSessionDisconnected(const std::uint32_t& sessionId,
                                                 const std::string& remoteAddress) {
     Syslog::notice("%s: session id: %u, pid: %u, remote addr: `%s'", "signalSessionDisconnected",
                    sessionId, pid, remoteAddress.c_str());
-    const std::scoped_lock lock(jobsMutex); // waits for a bus call, if one is made under it
-    jobs.remove_if([&](const JobTransfer& job) {
-        return job.session() == sessionId && static_cast<std::uint32_t>(job.transportPid()) == pid;
-    });
+    {
+        const std::scoped_lock lock(disconnectsMutex);
+        disconnects.emplace_back(sessionId, pid);
+    }
+    // The acceptance task may hold it during a bus call, and the sweep while a shadow server ends:
+    // then the next sweep does it, and the signals behind this one need not wait.
+    if (const std::unique_lock lock(jobsMutex, std::try_to_lock); lock)
+        removeDisconnected();
     if (sessionId == listeningSessionId)
         listenCancel = true;
+}
+
+void ProxyConnection::removeDisconnected() {
+    std::list<std::pair<std::uint32_t, std::uint32_t>> noted;
+    {
+        const std::scoped_lock lock(disconnectsMutex);
+        noted.swap(disconnects);
+    }
+    std::list<JobTransfer> disconnected = takeJobs([&](const JobTransfer& job) {
+        return std::ranges::count(noted, std::pair(job.session(), job.transportPid())) > 0;
+    });
+    stopAll(disconnected);
+}
+
+std::list<JobTransfer>
+ProxyConnection::takeJobs(const std::function<bool(const JobTransfer&)>& wanted) {
+    std::list<JobTransfer> taken;
+    for (auto job = jobs.begin(); job != jobs.end();) {
+        const auto next = std::next(job);
+        if (wanted(*job))
+            taken.splice(taken.end(), jobs, job);
+        job = next;
+    }
+    return taken;
+}
+
+void ProxyConnection::stopAll(std::list<JobTransfer>& list) {
+    for (JobTransfer& job : list)
+        job.stop();
 }
 
 } // namespace Vorl

@@ -7,16 +7,17 @@
 #include "proxy/service_manager.h"
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include <dbus-c++/dbus.h>
 #include <vorl_proxy.h>
@@ -80,8 +81,17 @@ public:
 private:
     // main_loop.cpp
     void periodicTask();
+    /// Removes ended and disconnected jobs.
     /// @return false when the list is in use elsewhere: try again at the next turn
     bool sweepFinishedJobs();
+
+    // The rest under jobsMutex.
+    /// Removes the jobs that the session service has disconnected.
+    void removeDisconnected();
+    /// Takes the wanted jobs out of the list, in their order.
+    std::list<JobTransfer> takeJobs(const std::function<bool(const JobTransfer&)>& wanted);
+    /// Tells all to end before the first is waited for.
+    static void stopAll(std::list<JobTransfer>& list);
 
     // admission.cpp
     void launchAcceptance(std::uint32_t sessionId, std::uint32_t second);
@@ -112,15 +122,16 @@ private:
     /// The configuration in force. A reload replaces it whole; who holds the old one keeps it.
     [[nodiscard]] std::shared_ptr<const JsonConfig> configuration() const;
 
-    /// How long a stop waits for the answer to a bus call before it ends the connection.
-    static constexpr std::chrono::seconds answerGrace{2};
-
     mutable std::mutex configMutex;           // guards the pointer below, never held with another
     std::shared_ptr<const JsonConfig> config; // replaced by the periodic task
 
     // Also held while jobs are destroyed, and while the session service is told of a new job.
     mutable std::mutex jobsMutex;
     std::list<JobTransfer> jobs; // under jobsMutex
+
+    std::mutex disconnectsMutex; // guards the list below; may be taken under jobsMutex
+    /// Session and shadow server of disconnects to be carried out, noted by the main thread.
+    std::list<std::pair<std::uint32_t, std::uint32_t>> disconnects;
 
     const std::string configPath;
     std::filesystem::path home;
@@ -130,9 +141,9 @@ private:
     /// acceptance task when it returns normally.
     std::atomic<std::uint32_t> listeningSessionId = 0;
     std::atomic<bool> listenCancel = false; // main thread; polled by the acceptance task
-    std::atomic<bool> accepting = false; // set by the main thread, cleared by the acceptance task
-    std::future<bool> listener;          // the acceptance task; only the main thread
-    ServiceManager serviceManager;       // start(), then the periodic task
+    std::atomic<bool> accepting = false;    // an acceptance task runs; only shown in the status
+    std::future<bool> listener;             // the acceptance task; only the main thread
+    ServiceManager serviceManager;          // start(), then the periodic task
     std::atomic<std::uint32_t> serviceListenTimeout = 0; // main thread; read by the acceptance task
 };
 

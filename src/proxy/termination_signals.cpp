@@ -3,7 +3,13 @@
 #include "proxy/globals.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include <unistd.h>
 
 namespace Vorl {
 
@@ -36,6 +42,29 @@ bool terminationSignalHeld() {
            (sigismember(&pending, SIGINT) == 1 && !isIgnored(SIGINT));
 }
 
+/// Looks for a held signal, until it is told to stop.
+class HeldSignalWatch {
+public:
+    HeldSignalWatch() : thread([this](const std::stop_token& stop) { watch(stop); }) {}
+
+private:
+    void watch(const std::stop_token& stop) {
+        std::unique_lock lock(mutex);
+        while (!stop.stop_requested()) {
+            if (terminationSignalHeld())
+                _exit(0);
+            wake.wait_for(lock, stop, interval, [] { return false; });
+        }
+    }
+
+    static constexpr std::chrono::milliseconds interval{50};
+    std::mutex mutex; // only what the condition variable needs
+    std::condition_variable_any wake;
+    std::jthread thread; // last: it ends before the others go
+};
+
+std::optional<HeldSignalWatch> heldSignalWatch; // main thread
+
 } // namespace
 
 void installTerminationHandlers(bool background) {
@@ -46,25 +75,13 @@ void installTerminationHandlers(bool background) {
 void holdTerminationSignals() {
     const sigset_t set = terminationSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    heldSignalWatch.emplace();
 }
 
 void deliverTerminationSignals() {
+    heldSignalWatch.reset();
     const sigset_t set = terminationSignals();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-}
-
-HeldSignalWatch::HeldSignalWatch() : thread([this](const std::stop_token& stop) { watch(stop); }) {}
-
-void HeldSignalWatch::watch(const std::stop_token& stop) {
-    constexpr std::chrono::milliseconds interval{50};
-    std::unique_lock lock(mutex);
-    while (!stop.stop_requested()) {
-        if (terminationSignalHeld()) {
-            proxyDispatcher.hangUp();
-            return;
-        }
-        wake.wait_for(lock, stop, interval, [] { return false; });
-    }
 }
 
 } // namespace Vorl

@@ -3,6 +3,7 @@
 #include "logger"
 #include "proxy/globals.h"
 
+#include <algorithm>
 #include <csignal>
 #include <thread>
 
@@ -13,6 +14,8 @@ namespace Vorl {
 namespace {
 
 using namespace std::chrono_literals;
+
+using Clock = std::chrono::steady_clock;
 
 constexpr auto terminationGrace = 3s;
 
@@ -29,9 +32,9 @@ bool waitForEnd(const TransportHandle& transport, std::chrono::milliseconds limi
         return status.wait_for(limit) == std::future_status::ready;
 
     // There was no thread for the waiter: the child is reaped when the future's value is taken.
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = Clock::now() + limit;
     while (!hasEnded(pid)) {
-        if (std::chrono::steady_clock::now() >= deadline)
+        if (Clock::now() >= deadline)
             return false;
         std::this_thread::sleep_for(10ms);
     }
@@ -61,11 +64,13 @@ void awaitTransport(TransportHandle& transport, const char* caller) {
         }
     }
     terminateTransport(transport);
-    releaseTransport(transport, caller);
+    releaseTransport(transport, Clock::now(), caller);
 }
 
-void releaseTransport(TransportHandle& transport, const char* caller) {
-    if (!waitForEnd(transport, terminationGrace) && transportRunning(transport)) {
+void releaseTransport(TransportHandle& transport, Clock::time_point told, const char* caller) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(told + terminationGrace - Clock::now());
+    if (!waitForEnd(transport, std::max(left, 0ms)) && transportRunning(transport)) {
         Syslog::warning("%s: transport does not end, killed, pid: %d", caller, transport.first);
         kill(transport.first, SIGKILL);
     }

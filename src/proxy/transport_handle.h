@@ -19,8 +19,10 @@ void terminateTransport(const TransportHandle& transport);
 /// Waits until a shadow server that was told to end has been reaped. One that is still there after
 /// a grace of three seconds is killed, with a warning: nobody who holds a lock waits longer.
 /// Afterwards the handle is empty.
+/// @param told when it was told, and the grace began
 /// @param caller the name in log lines
-void releaseTransport(TransportHandle& transport, const char* caller);
+void releaseTransport(TransportHandle& transport, std::chrono::steady_clock::time_point told,
+                      const char* caller);
 
 /// The same for a shadow server that was not told to end: waits however long it takes, unless the
 /// daemon stops meanwhile, which ends the shadow server as well.

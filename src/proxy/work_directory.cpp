@@ -46,6 +46,9 @@ void makeWorkDirectory(const fs::path& home) {
                       "ProxyConnection", directory.c_str(), getuid());
         throw vorl_error("ProxyConnection");
     }
+    // Left by a start with a lax umask: others could plant files in it.
+    fs::permissions(directory, fs::perms::group_write | fs::perms::others_write,
+                    fs::perm_options::remove);
 }
 
 fs::path workDirectory(const fs::path& home) {
