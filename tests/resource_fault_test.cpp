@@ -112,10 +112,13 @@ TEST_F(ResourceFault, APortInUseCostsTheAllowanceAndOneDescriptor) {
         for (int i = 0; i < 500; ++i)
             allow();
         EXPECT_EQ(service.count("proxyListenStarted 7 false"), 500u);
+        EXPECT_TRUE(
+            journal.saw({"tcpListen: bind failed, error: Address already in use, code: 98"}));
         EXPECT_TRUE(eventually([&] { return daemon.descriptors() == before + 500; }))
             << daemon.descriptors() << " after " << before;
     }
     EXPECT_TRUE(echoes(open()));
+    EXPECT_EQ(service.count("proxyClientConnected *"), 1u);
 }
 
 TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
