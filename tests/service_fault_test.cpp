@@ -33,7 +33,7 @@ TEST_F(ServiceFault, SignalsAreHandledWhileACallWaits) {
     service.answer("vorlSessionInfoJson", Answer::Reply);
     service->signalProxyListenTimeout(300);
     EXPECT_TRUE(journal.saw({"*: set timeout: 299", "*: set timeout: 300"}, 2s));
-    EXPECT_EQ(journal.count("*: set timeout: *"), 202u) << "one is the start's";
+    EXPECT_EQ(journal.count("*: set timeout: [1-9]*"), 201u);
     EXPECT_TRUE(echoes(client));
 }
 
