@@ -42,9 +42,11 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     if (!hasAllAccounts())
         GTEST_SKIP() << "needs root, to run the daemon as somebody whom the limit holds";
     const std::filesystem::path home = makeDirectory();
-    ASSERT_EQ(chown(home.c_str(), 4715, 4715), 0);
+    const uid_t uid = 200'000 + static_cast<uid_t>(getpid()); // nobody else's processes count
+    ASSERT_EQ(chown(home.c_str(), uid, uid), 0);
     std::filesystem::copy(SHADOW_STUB, home / "shadow");
-    std::ofstream(home / "passwd") << "few:x:4715:4715::" << home.string() << ":/bin/sh\n";
+    std::ofstream(home / "passwd")
+        << "few:x:" << uid << ":" << uid << "::" << home.string() << ":/bin/sh\n";
     const Cover accounts("/etc/passwd", home / "passwd");
     daemon.arguments.insert(daemon.arguments.end(), {"--user", "few"});
     daemon.workDirectory = home / ".vorl";
@@ -59,10 +61,10 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
         while (others.size() > 10 - left)
             others.pop_back();
         while (others.size() < 10 - left) {
-            Process& other =
-                others.emplace_back(std::vector<std::string>{"/usr/bin/setpriv", "--reuid=4715",
-                                                             "--clear-groups", "/bin/sleep", "300"},
-                                    std::vector<std::string>{}, home);
+            Process& other = others.emplace_back(
+                std::vector<std::string>{"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
+                                         "--clear-groups", "/bin/sleep", "300"},
+                std::vector<std::string>{}, home);
             const std::string comm = "/proc/" + std::to_string(other.pid()) + "/comm";
             EXPECT_TRUE(eventually([&] { return readFile(comm) == "sleep\n"; }));
         }
