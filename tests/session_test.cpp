@@ -115,6 +115,16 @@ TEST_F(Session, FilesOfOneSessionAreToldApartByTheOrdinal) {
     EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *", "*Stopped: child ended, *"}));
     first = open(7, 4);
     EXPECT_TRUE(exists(daemon.workDirectory / "sam_4_0"));
+    second = open(7, 4);
+    first.reset();
+    EXPECT_TRUE(eventually([&] { return !exists(daemon.workDirectory / "sam_4_0"); }));
+    first = open(7, 4); // has the name of the second, which lives on
+    second.reset();
+    EXPECT_TRUE(journal.saw({"*Stopped: child ended, *", "*Stopped: child ended, *",
+                             "*Stopped: child ended, *", "*Stopped: child ended, *"}));
+    for (const char* file : {"proxy_7_1", "sam_4_1"})
+        EXPECT_TRUE(exists(daemon.workDirectory / file)) << file;
+    EXPECT_TRUE(echoes(first));
 }
 
 TEST_F(Session, TheArgumentsComeFromTheTemplateAndTheDescription) {

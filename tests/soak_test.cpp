@@ -39,7 +39,8 @@ TEST_F(Soak, DISABLED_AThousandConnectionsWithAStub) {
 }
 
 TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
-    const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-nolisten", "tcp"}, {}, makeDirectory());
+    const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-noreset", "-nolisten", "tcp"}, {},
+                          makeDirectory());
     describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
     start(R"("debug:level": "none", "x11rdp:path": "/usr/bin/freerdp-shadow-cli",
              "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"])");

@@ -110,6 +110,9 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
                   remoteAddress.c_str(), client.get());
     proxyClientConnected(sessionId, remoteAddress);
 
+    // A client that connects again at once must not meet the end of its last connection: that
+    // one's shadow server removes its socket by name, which could be the new one's by then.
+    sweepFinishedJobs();
     // Tells the files of several connections to one session apart.
     const std::uint64_t ordinal = jobMultiSession(sessionId);
     const fs::path directory = workDirectory(home);

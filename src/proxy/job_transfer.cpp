@@ -8,20 +8,17 @@
 #include "proxy/traffic_wait.h"
 
 #include <csignal>
-#include <filesystem>
-#include <system_error>
-
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace Vorl {
 
-JobTransfer::JobTransfer(int client, int local, const std::string& socketFile,
-                         const std::string& samFile, TransportHandle&& shadowServer,
+JobTransfer::JobTransfer(int client, int local, const std::string& socketPath,
+                         const std::string& samPath, TransportHandle&& shadowServer,
                          std::uint32_t session)
-    : socketFd(client), unixFd(local), sessionId(session), socketPath(socketFile),
-      samPath(samFile) {
+    : socketFd(client), unixFd(local), sessionId(session), socketFile(socketPath),
+      samFile(samPath) {
     sizeRelayBuffers(socketFd, unixFd);
     thread = std::thread(&JobTransfer::relay, this);
     transport = std::move(shadowServer);
@@ -47,10 +44,8 @@ JobTransfer::~JobTransfer() {
     close(socketFd);
     close(unixFd);
     releaseTransport(transport, stopTime, "JobTransferStopped");
-
-    std::error_code ignored;
-    std::filesystem::remove(socketPath, ignored);
-    std::filesystem::remove(samPath, ignored);
+    socketFile.remove();
+    samFile.remove();
 }
 
 void JobTransfer::relay() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "proxy/job_file.h"
 #include "proxy/transport_handle.h"
 
 #include <atomic>
@@ -20,11 +21,11 @@ public:
     ///
     /// @param client the accepted client; taken over
     /// @param local the connected socket of the shadow server; taken over
-    /// @param socketFile the shadow server's socket, removed at the end
-    /// @param samFile the shadow server's SAM file, removed at the end
+    /// @param socketPath the shadow server's socket, removed at the end
+    /// @param samPath the shadow server's SAM file, removed at the end
     /// @param shadowServer the shadow server; taken over
     /// @throws std::system_error when no thread can be started; nothing has been taken over then
-    JobTransfer(int client, int local, const std::string& socketFile, const std::string& samFile,
+    JobTransfer(int client, int local, const std::string& socketPath, const std::string& samPath,
                 TransportHandle&& shadowServer, std::uint32_t session);
     JobTransfer(const JobTransfer&) = delete;
     JobTransfer& operator=(const JobTransfer&) = delete;
@@ -58,8 +59,8 @@ private:
     const std::uint32_t sessionId;
     std::atomic<bool> running = true; // cleared by the relay thread when it ends, and to end it
     std::thread thread;
-    const std::string socketPath;
-    const std::string samPath;
+    const JobFile socketFile;
+    const JobFile samFile;
     std::vector<std::uint8_t> buffer; // both directions; only the relay thread
     TransportHandle transport;
     std::chrono::steady_clock::time_point stopTime; // of stop(); the owner's

@@ -81,7 +81,7 @@ public:
 private:
     // main_loop.cpp
     void periodicTask();
-    /// Removes ended and disconnected jobs.
+    /// Removes ended and disconnected jobs. Periodic task, and acceptance task.
     /// @return false when the list is in use elsewhere: try again at the next turn
     bool sweepFinishedJobs();
 
@@ -143,7 +143,7 @@ private:
     std::atomic<bool> listenCancel = false; // main thread; polled by the acceptance task
     std::atomic<bool> accepting = false;    // an acceptance task runs; only shown in the status
     std::future<bool> listener;             // the acceptance task; only the main thread
-    ServiceManager serviceManager;          // start(), then the periodic task
+    ServiceManager serviceManager;          // start(), then under jobsMutex
     std::atomic<std::uint32_t> serviceListenTimeout = 0; // main thread; read by the acceptance task
 };
 

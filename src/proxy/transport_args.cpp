@@ -11,7 +11,6 @@
 #include <system_error>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Vorl {
@@ -39,30 +38,19 @@ std::string fill(const std::string& entry, std::string_view placeholder, const s
     return Utils::stringReplace(entry, placeholder, value);
 }
 
-/// Whether nobody else can read what is written into the file: one of our own with one name.
-bool isPrivate(int file) {
-    struct stat status {};
-    return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-           status.st_nlink == 1 && fchmod(file, 0600) == 0;
-}
-
 /// @return false, without a message, when the file cannot be opened
-/// @throws vorl_error after an error line when it was planted by somebody, or could not be written
-///         whole: the shadow server must not see half of it
+/// @throws vorl_error after an error line when it could not be written whole: the shadow server
+/// must
+///         not see half of it
 bool writeSamFile(const std::string& path, const std::string& line) {
-    constexpr int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const Descriptor file(open(path.c_str(), flags, 0600));
+    // A new file each time: what stands there may be an earlier connection's, or planted.
+    unlink(path.c_str());
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!file)
         return false;
-    if (!isPrivate(file.get())) {
-        Syslog::error("%s: SAM file belongs to somebody else, remove it, path: `%s'", function,
-                      path.c_str());
-        throw vorl_error(function);
-    }
     const std::string text = line + '\n';
     errno = ENOSPC; // what a write that is cut short leaves unsaid
-    if (ftruncate(file.get(), 0) < 0 ||
-        write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         logCallFailed(function, "write");
         unlink(path.c_str());
         throw vorl_error(function);
