@@ -49,10 +49,9 @@ JobTransfer::~JobTransfer() {
 }
 
 void JobTransfer::relay() {
-    TrafficWait traffic(socketFd, unixFd);
     std::int64_t result = 0;
     while (result >= 0) {
-        const Traffic ready = traffic.wait();
+        const Traffic ready = waitForTraffic(socketFd, unixFd);
         if (!running || !proxyRunning)
             break;
         if (ready.fromClient)

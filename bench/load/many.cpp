@@ -1,0 +1,172 @@
+// The measures of a hundred connections.
+
+#include "measures.h"
+
+#include "clock.h"
+#include "placement.h"
+#include "stream.h"
+#include "traffic.h"
+#include "usage.h"
+
+#include <cstring>
+#include <utility>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace Bench {
+
+namespace {
+
+constexpr int connectionCount = 100;
+constexpr int uploadCount = 5;
+constexpr double busyFramesPerSecond = 10;
+
+double perSecond(std::int64_t count, double seconds) {
+    return static_cast<double>(count) / seconds;
+}
+
+double kibibytes(std::int64_t bytes, int connections) {
+    return static_cast<double>(bytes) / 1024 / connections;
+}
+
+/// Uploads to a shadow server that reads in bursts, so that as much waits for the relay as can.
+void upload(const Connection& connection) {
+    constexpr std::size_t amount = 24'000'000;
+    const std::jthread sender([fd = connection.client.get()] {
+        const std::vector<char> bytes(amount);
+        sendAll(fd, bytes.data(), bytes.size());
+    });
+    std::vector<char> bytes(amount / 16);
+    for (int burst = 0; burst < 16; ++burst) {
+        pause(0.003);
+        receiveAll(connection.shadow.get(), bytes.data(), bytes.size());
+    }
+}
+
+/// Frames that arrive at a hundred clients, put together as their bytes come.
+class Arrivals {
+public:
+    explicit Arrivals(const std::vector<Connection>& connections) : parts(connections.size()) {
+        for (const Connection& connection : connections)
+            entries.push_back({connection.client.get(), POLLIN, 0});
+    }
+
+    void receiveFor(double seconds) {
+        const auto end = after(seconds);
+        while (Clock::now() < end) {
+            (void)poll(entries.data(), entries.size(), 1);
+            for (std::size_t at = 0; at < entries.size(); ++at) {
+                if ((entries[at].revents & POLLIN) != 0)
+                    receive(entries[at].fd, parts[at]);
+            }
+        }
+    }
+
+    /// Takes the samples collected so far.
+    Samples takeSamples() { return std::exchange(samples, {}); }
+
+    /// Jain's index of the bytes that each client has got: 1 when all have got the same.
+    double fairness() const {
+        double sum = 0;
+        double squares = 0;
+        for (const Part& part : parts) {
+            sum += part.total;
+            squares += part.total * part.total;
+        }
+        return squares > 0 ? sum * sum / squares / static_cast<double>(parts.size()) : 0;
+    }
+
+private:
+    struct Part {
+        std::vector<char> bytes = std::vector<char>(frame);
+        std::size_t have = 0;
+        double total = 0;
+    };
+
+    void receive(int fd, Part& part) {
+        const ssize_t got =
+            recv(fd, part.bytes.data() + part.have, frame - part.have, MSG_DONTWAIT);
+        if (got <= 0)
+            return;
+        part.have += static_cast<std::size_t>(got);
+        part.total += static_cast<double>(got);
+        if (part.have < frame)
+            return;
+        std::int64_t stamp = 0;
+        std::memcpy(&stamp, part.bytes.data(), sizeof stamp);
+        samples.push_back(now() - stamp);
+        part.have = 0;
+    }
+
+    std::vector<pollfd> entries;
+    std::vector<Part> parts;
+    Samples samples;
+};
+
+/// Sends frames on all connections in turn, each at its rate.
+std::jthread sendFrames(const std::vector<Connection>& connections) {
+    return std::jthread([&connections](const std::stop_token& stop) {
+        const auto interval = std::chrono::duration_cast<Clock::duration>(
+            Seconds(1 / busyFramesPerSecond / static_cast<double>(connections.size())));
+        Message message(frame);
+        auto due = Clock::now();
+        for (std::size_t at = 0; !stop.stop_requested(); at = (at + 1) % connections.size()) {
+            due += interval;
+            std::this_thread::sleep_until(due);
+            if (!message.send(connections[at].shadow.get()))
+                failed("send");
+        }
+    });
+}
+
+void measureIdle(const Run& run, double seconds) {
+    const Usage before = usageOf(run.relay);
+    pause(seconds);
+    const Usage usage = usageOf(run.relay);
+    run.results.add("idle", "wake-ups/s",
+                    perSecond(usage.wakeUps - before.wakeUps, seconds) / connectionCount);
+    run.results.add("idle", "% of a core",
+                    perSecond(usage.processorTime - before.processorTime, seconds) / 1e9 * 100);
+}
+
+void measureBusy(const Run& run, const std::vector<Connection>& connections, double seconds) {
+    const Placement placement(run.relay);
+    Arrivals arrivals(connections);
+    const std::jthread sender = sendFrames(connections);
+    arrivals.receiveFor(seconds / 4);
+    (void)arrivals.takeSamples();
+
+    const std::int64_t before = run.relay != 0 ? usageOf(run.relay).processorTime : 0;
+    const auto start = Clock::now();
+    arrivals.receiveFor(seconds);
+    const double took = Seconds(Clock::now() - start).count();
+    if (run.relay != 0) {
+        run.results.add("busy", "% of a core",
+                        perSecond(usageOf(run.relay).processorTime - before, took) / 1e9 * 100);
+    }
+    run.results.add("busy", "fairness", arrivals.fairness());
+    run.results.addLatencies("busy", arrivals.takeSamples());
+}
+
+} // namespace
+
+void measureMany(const Run& run) {
+    const std::int64_t empty = run.relay != 0 ? usageOf(run.relay).memory : 0;
+    const std::vector<Connection> connections = run.road.connect(connectionCount);
+    if (run.relay != 0) {
+        pause(0.3);
+        const std::int64_t idle = usageOf(run.relay).memory;
+        run.results.add("memory", "idle KiB", kibibytes(idle - empty, connectionCount));
+        measureIdle(run, 1.5 * run.scale);
+
+        for (int at = 0; at < uploadCount; ++at)
+            upload(connections[static_cast<std::size_t>(at)]);
+        run.results.add("memory", "upload KiB",
+                        kibibytes(idle - empty, connectionCount) +
+                            kibibytes(usageOf(run.relay).memory - idle, uploadCount));
+    }
+    measureBusy(run, connections, 2.0 * run.scale);
+}
+
+} // namespace Bench
