@@ -43,7 +43,7 @@ TEST_F(Life, StopsAtEveryStage) {
         std::vector<Descriptor> waiting;
         allow();
         waiting.push_back(connectTo(port));
-        shadow("Pid");
+        EXPECT_TRUE(journal.saw({"asyncWaitPid: added task, *"}));
         return waiting;
     };
     expectStop("never", launching,
