@@ -82,8 +82,8 @@ TEST(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
 TEST_F(Relay, NothingStaysOfTwoHundredConnectionsAndOfEightAtOnce) {
     start();
     EXPECT_TRUE(echoes(open())); // makes what is made once and kept
-    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
-    const std::string before = daemon.holdings();
+    EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
+    const std::string before = idle();
     for (uint32_t session = 1; session <= 200; ++session)
         ASSERT_TRUE(echoes(open(session, session))) << session;
     EXPECT_TRUE(holds(before));

@@ -24,8 +24,8 @@ protected:
 TEST_F(ResourceFault, WithoutDescriptorsItGoesOnOnceThereAreSome) {
     start();
     EXPECT_TRUE(echoes(open())); // makes what is made once and kept
-    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
-    const std::string before = daemon.holdings();
+    EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
+    const std::string before = idle();
     rlimit limit{};
     prlimit(daemon.process->pid(), RLIMIT_NOFILE, nullptr, &limit);
     for (const size_t left : {0, 1, 2}) { // none, the listener's, and the client's
@@ -162,8 +162,8 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
 TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
     start(stub("mute"));
     open(); // makes what is made once and kept
-    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
-    const std::string before = daemon.holdings();
+    EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
+    const std::string before = idle();
     for (int i = 0; i < 20; ++i) {
         allow();
         Descriptor client = connectTo(port);

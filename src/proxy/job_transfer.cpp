@@ -68,14 +68,17 @@ void JobTransfer::relay() {
 }
 
 void JobTransfer::dropClient() {
-    // Releases the relay from a send to this client. Not its receiving side: the relay would take
-    // that for the end of the stream.
-    shutdown(socketFd, SHUT_WR);
     // An unconnected socket is to the relay what a closed descriptor is: it has no input, and
     // sending to it fails.
     const Descriptor vacant(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!vacant || dup3(vacant.get(), socketFd, O_CLOEXEC) < 0)
+    const Descriptor client(fcntl(socketFd, F_DUPFD_CLOEXEC, 0));
+    if (!vacant || !client || dup3(vacant.get(), socketFd, O_CLOEXEC) < 0) {
         shutdown(socketFd, SHUT_RDWR);
+        return;
+    }
+    // Releases the relay from a send to this client. Only now: the client's answer would be an end
+    // of stream to a relay that still has it.
+    shutdown(client.get(), SHUT_RDWR);
 }
 
 } // namespace Vorl
