@@ -12,7 +12,7 @@ array width[6] = [3, 1, 1, 1, 1, 1]
 
 set terminal svg size 1200,1800 font "sans,12" background "white"
 set output file("latency.svg")
-set multiplot layout 5,2 title "Latency: what share of messages took how long (medians of the rounds)"
+set multiplot layout 5,2 title "Latency: what share of messages took how long"
 set xlabel "percentile"
 set ylabel "µs"
 set logscale y

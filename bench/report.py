@@ -5,7 +5,8 @@ usage: report.py RESULTS [--record DOCUMENT]
 
 Reads RESULTS/figures.tsv and RESULTS/machine.txt, writes the tables as RESULTS/table.md and the
 data of the plots as RESULTS/*.dat, and prints the tables. --record puts them into the document as
-well, between its two marker lines. Each figure is the median of its rounds.
+well, between its two marker lines. A figure is the median of its rounds, a percentile that of all rounds
+together.
 """
 import collections
 import pathlib
@@ -71,7 +72,7 @@ def read_figures(path):
     """Medians, by (measure, metric) and target, and the lists that they come from."""
     figures = collections.defaultdict(lambda: collections.defaultdict(list))
     for line in path.read_text(encoding="utf-8").splitlines():
-        target, _, measure, metric, value = line.split("\t")
+        target, measure, metric, value = line.split("\t")
         figures[measure, metric][target].append(float(value))
     medians = {key: {target: statistics.median(values) for target, values in targets.items()}
                for key, targets in figures.items()}

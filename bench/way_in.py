@@ -5,8 +5,8 @@ usage: way_in.py BUILD_DIRECTORY RUN_DIRECTORY CONNECTIONS RESULTS
 
 A private bus, the demo's session service and the daemon are started in the run directory, which
 also becomes the daemon's home. Each connection comes at a random moment of the daemon's wait for
-it. Appends to RESULTS, for each connection and stage, "vorl_proxy connection way in: stage us
-microseconds", separated by tabs.
+it. Appends to RESULTS, for each connection and stage, the line "vorl_proxy", "way in: " with the
+stage, "us" and the microseconds that it took, separated by tabs.
 """
 import json
 import os
@@ -109,8 +109,8 @@ daemon = start_daemon()
 session_service.time_of("vorlTest")
 time.sleep(0.5)  # the daemon takes signals once its start is over; nothing tells when
 with open(results, "a", encoding="ascii") as out:
-    for number in range(int(connections)):
+    for _ in range(int(connections)):
         for stage, took in connect(session_service).items():
-            out.write(f"vorl_proxy\t{number}\tway in: {stage}\tus\t{took}\n")
+            out.write(f"vorl_proxy\tway in: {stage}\tus\t{took}\n")
 session_service.command("stopped")
 daemon.wait(LIMIT)

@@ -1,58 +1,113 @@
-// Puts one load after another on one relay and appends the figures to a file.
+// Puts one load after another on each relay in turn, for a number of rounds.
 
 #include "measures.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <string_view>
+#include <vector>
+
+#include <unistd.h>
 
 namespace {
 
+using namespace Bench;
+
 constexpr const char* usage =
-    "usage: vorl_bench_load TARGET RELAY_PID ROUND SCALE SOCKET RESULTS [MEASURE]\n"
-    "A pid of 0 stands for no relay: the clients connect to the shadow server itself.\n";
+    "usage: vorl_bench_load ROUNDS MEASURE RESULTS NAME PID PORT SOCKET [NAME PID PORT SOCKET]...\n"
+    "MEASURE is one of the measures, or \"all\". A PID of 0, with an empty SOCKET, stands for no\n"
+    "relay: the clients connect to the shadow server itself.\n";
 
 constexpr std::string_view ownRelay = "vorl_proxy"; // it can end its jobs on a signal
 
 struct Measure {
     std::string_view name;
-    void (*take)(const Bench::Run& run);
+    void (*take)(const Target& target, Results& results);
+    int mostRounds = 1000;
 };
 
 constexpr Measure measures[] = {
-    {"many", Bench::measureMany}, // first: the relay's memory is as it was started
-    {"bulk", Bench::measureBulk},
-    {"echo", Bench::measureEcho},
-    {"oneway", Bench::measureOneWay},
-    {"frames", Bench::measureFrames},
-    {"delay", Bench::measureFramesOverDelayLine},
-    {"keystroke", Bench::measureKeystrokeUnderLoad},
-    {"slowline", Bench::measureKeystrokeOnSlowLine},
-    {"upload", Bench::measureFramesDuringUpload},
-    {"end", Bench::measureEndOfStalledJob},
+    {"idle", measureIdleAndMemory, 1}, // the relays are as they were started
+    {"bulk", measureBulk},
+    {"echo", measureEcho},
+    {"oneway", measureOneWay},
+    {"frames", measureFrames},
+    {"delay", measureFramesOverDelayLine},
+    {"keystroke", measureKeystrokeUnderLoad},
+    {"slowline", measureKeystrokeOnSlowLine},
+    {"upload", measureFramesDuringUpload},
+    {"slowupload", measureFramesDuringSlowUpload},
+    {"busy", measureBusy},
+    {"end", measureEndOfStalledJob, 5},
 };
+
+int numberFrom(std::string_view text) {
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size())
+        throw std::runtime_error("not a number: '" + std::string(text) + "'");
+    return value;
+}
+
+void takeMeasure(const Measure& measure, const Target& target, Results& results) {
+    if (measure.name == "end" && target.name != ownRelay)
+        return;
+    try {
+        measure.take(target, results);
+    } catch (const std::exception& failure) {
+        throw std::runtime_error(std::string(measure.name) + " on " + target.name + ": " +
+                                 failure.what());
+    }
+}
+
+void showProgress(int round, int rounds, std::string_view measure) {
+    if (isatty(STDERR_FILENO) != 0) {
+        std::fprintf(stderr, "\rround %d of %d: %-12.*s", round, rounds,
+                     static_cast<int>(measure.size()), measure.data());
+    }
+}
+
+void measureAll(int rounds, std::string_view wanted, const std::vector<Target>& targets,
+                Results& results) {
+    for (int round = 1; round <= rounds; ++round) {
+        for (const Measure& measure : measures) {
+            if (round > measure.mostRounds || (wanted != "all" && wanted != measure.name))
+                continue;
+            showProgress(round, rounds, measure.name);
+            // Each round begins with another target: nobody always follows the same one.
+            for (std::size_t turn = 0; turn < targets.size(); ++turn) {
+                const std::size_t at = (turn + static_cast<std::size_t>(round)) % targets.size();
+                takeMeasure(measure, targets[at], results);
+            }
+        }
+    }
+    showProgress(rounds, rounds, "done\n");
+}
 
 } // namespace
 
 int main(int argc, char* argv[]) {
-    if (argc != 7 && argc != 8) {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (arguments.size() < 7 || arguments.size() % 4 != 3) {
         std::fputs(usage, stderr);
         return EXIT_FAILURE;
     }
     try {
-        const pid_t relay = std::atoi(argv[2]);
-        const Bench::Road road(relay == 0, argv[5]);
-        Bench::Results results(argv[6], argv[1], std::atoi(argv[3]));
-        const Bench::Run run{road, results, relay, std::atof(argv[4])};
-        for (const Measure& measure : measures) {
-            const bool wanted = argc < 8 || measure.name == argv[7];
-            if (wanted && (measure.name != "end" || argv[1] == ownRelay))
-                measure.take(run);
+        std::vector<Target> targets;
+        for (std::size_t at = 3; at < arguments.size(); at += 4) {
+            const auto port = static_cast<std::uint16_t>(numberFrom(arguments[at + 2]));
+            targets.push_back({arguments[at], numberFrom(arguments[at + 1]),
+                               Road(port, arguments[at + 3])});
         }
+        Results results;
+        measureAll(numberFrom(arguments[0]), arguments[1], targets, results);
+        results.write(arguments[2]);
         return EXIT_SUCCESS;
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "vorl_bench_load: %s: %s\n", argv[1], failure.what());
+        std::fprintf(stderr, "vorl_bench_load: %s\n", failure.what());
         return EXIT_FAILURE;
     }
 }

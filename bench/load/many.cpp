@@ -9,7 +9,6 @@
 #include "usage.h"
 
 #include <cstring>
-#include <utility>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -22,8 +21,8 @@ constexpr int connectionCount = 100;
 constexpr int uploadCount = 5;
 constexpr double busyFramesPerSecond = 10;
 
-double perSecond(std::int64_t count, double seconds) {
-    return static_cast<double>(count) / seconds;
+double percent(std::int64_t nanoseconds, double seconds) {
+    return static_cast<double>(nanoseconds) / 1e9 / seconds * 100;
 }
 
 double kibibytes(std::int64_t bytes, int connections) {
@@ -63,11 +62,17 @@ public:
         }
     }
 
-    /// Takes the samples collected so far.
-    Samples takeSamples() { return std::exchange(samples, {}); }
+    /// Forgets what has come so far, but for the frames that have come in part.
+    void startOver() {
+        samples.clear();
+        for (Part& part : parts)
+            part.total = 0;
+    }
+
+    [[nodiscard]] const Samples& latencies() const { return samples; }
 
     /// Jain's index of the bytes that each client has got: 1 when all have got the same.
-    double fairness() const {
+    [[nodiscard]] double fairness() const {
         double sum = 0;
         double squares = 0;
         for (const Part& part : parts) {
@@ -120,53 +125,50 @@ std::jthread sendFrames(const std::vector<Connection>& connections) {
     });
 }
 
-void measureIdle(const Run& run, double seconds) {
-    const Usage before = usageOf(run.relay);
-    pause(seconds);
-    const Usage usage = usageOf(run.relay);
-    run.results.add("idle", "wake-ups/s",
-                    perSecond(usage.wakeUps - before.wakeUps, seconds) / connectionCount);
-    run.results.add("idle", "% of a core",
-                    perSecond(usage.processorTime - before.processorTime, seconds) / 1e9 * 100);
-}
-
-void measureBusy(const Run& run, const std::vector<Connection>& connections, double seconds) {
-    const Placement placement(run.relay);
-    Arrivals arrivals(connections);
-    const std::jthread sender = sendFrames(connections);
-    arrivals.receiveFor(seconds / 4);
-    (void)arrivals.takeSamples();
-
-    const std::int64_t before = run.relay != 0 ? usageOf(run.relay).processorTime : 0;
-    const auto start = Clock::now();
-    arrivals.receiveFor(seconds);
-    const double took = Seconds(Clock::now() - start).count();
-    if (run.relay != 0) {
-        run.results.add("busy", "% of a core",
-                        perSecond(usageOf(run.relay).processorTime - before, took) / 1e9 * 100);
-    }
-    run.results.add("busy", "fairness", arrivals.fairness());
-    run.results.addLatencies("busy", arrivals.takeSamples());
-}
-
 } // namespace
 
-void measureMany(const Run& run) {
-    const std::int64_t empty = run.relay != 0 ? usageOf(run.relay).memory : 0;
-    const std::vector<Connection> connections = run.road.connect(connectionCount);
-    if (run.relay != 0) {
-        pause(0.3);
-        const std::int64_t idle = usageOf(run.relay).memory;
-        run.results.add("memory", "idle KiB", kibibytes(idle - empty, connectionCount));
-        measureIdle(run, 1.5 * run.scale);
+void measureBusy(const Target& target, Results& results) {
+    const Placement placement(target.relay, Placement::Processors::apart);
+    const std::vector<Connection> connections = target.road.connect(connectionCount);
+    Arrivals arrivals(connections);
+    const std::jthread sender = sendFrames(connections);
+    arrivals.receiveFor(0.15);
+    arrivals.startOver();
 
-        for (int at = 0; at < uploadCount; ++at)
-            upload(connections[static_cast<std::size_t>(at)]);
-        run.results.add("memory", "upload KiB",
-                        kibibytes(idle - empty, connectionCount) +
-                            kibibytes(usageOf(run.relay).memory - idle, uploadCount));
+    const std::int64_t before = target.relay != 0 ? usageOf(target.relay).processorTime : 0;
+    const auto start = Clock::now();
+    arrivals.receiveFor(0.5);
+    const double took = Seconds(Clock::now() - start).count();
+    if (target.relay != 0) {
+        results.add(target.name, "busy", "% of a core",
+                    percent(usageOf(target.relay).processorTime - before, took));
     }
-    measureBusy(run, connections, 2.0 * run.scale);
+    results.add(target.name, "busy", "fairness", arrivals.fairness());
+    results.addLatencies(target.name, "busy", arrivals.latencies());
+}
+
+void measureIdleAndMemory(const Target& target, Results& results) {
+    if (target.relay == 0)
+        return;
+    const Usage empty = usageOf(target.relay);
+    const std::vector<Connection> connections = target.road.connect(connectionCount);
+    pause(0.3);
+    const Usage idle = usageOf(target.relay);
+    const double idleMemory = kibibytes(idle.memory - empty.memory, connectionCount);
+    results.add(target.name, "memory", "idle KiB", idleMemory);
+
+    constexpr double seconds = 2;
+    pause(seconds);
+    const Usage later = usageOf(target.relay);
+    results.add(target.name, "idle", "wake-ups/s",
+                static_cast<double>(later.wakeUps - idle.wakeUps) / seconds / connectionCount);
+    results.add(target.name, "idle", "% of a core",
+                percent(later.processorTime - idle.processorTime, seconds));
+
+    for (int at = 0; at < uploadCount; ++at)
+        upload(connections[static_cast<std::size_t>(at)]);
+    results.add(target.name, "memory", "upload KiB",
+                idleMemory + kibibytes(usageOf(target.relay).memory - later.memory, uploadCount));
 }
 
 } // namespace Bench

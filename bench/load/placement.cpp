@@ -34,31 +34,33 @@ void placeRelay(pid_t relay, const Place& where) {
     }
 }
 
-Place only(int processor) {
-    Place result{{}, SCHED_FIFO, 1};
-    CPU_SET(processor, &result.processors);
+cpu_set_t only(int processor) {
+    cpu_set_t result;
+    CPU_ZERO(&result);
+    CPU_SET(processor, &result);
     return result;
 }
 
-Place anywhere() {
-    Place result{{}, SCHED_OTHER, 0};
+cpu_set_t all() {
+    cpu_set_t result;
+    CPU_ZERO(&result);
     for (int processor = 0; processor < CPU_SETSIZE; ++processor)
-        CPU_SET(processor, &result.processors);
+        CPU_SET(processor, &result);
     return result;
 }
 
 } // namespace
 
-Placement::Placement(pid_t toPlace) : relay(toPlace) {
-    if (sysconf(_SC_NPROCESSORS_ONLN) < 2)
-        return;
-    place(0, only(loadProcessor));
-    placeRelay(relay, only(relayProcessor));
+Placement::Placement(pid_t toPlace, Processors processors) : relay(toPlace) {
+    const bool apart = processors == Processors::apart && sysconf(_SC_NPROCESSORS_ONLN) > 1;
+    place(0, {apart ? only(loadProcessor) : all(), SCHED_FIFO, 1});
+    placeRelay(relay, {apart ? only(relayProcessor) : all(), SCHED_FIFO, 1});
 }
 
 Placement::~Placement() {
-    place(0, anywhere());
-    placeRelay(relay, anywhere());
+    const Place usual{all(), SCHED_OTHER, 0};
+    place(0, usual);
+    placeRelay(relay, usual);
 }
 
 } // namespace Bench

@@ -4,18 +4,22 @@
 
 namespace Bench {
 
-/// Gives the relay one processor and the load another, both before all other work of the machine,
-/// as long as it lives.
-///
-/// A message takes a third of the time when the scheduler happens to have put both ends and the
-/// relay on one processor, and ten times as long when somebody else's work has to go first. Such
-/// things differ from round to round, and would decide a comparison of small messages.
+/// As long as it lives, relay and load go before all other work of the machine, at one real-time
+/// priority: else that work would be compared.
 class Placement {
 public:
+    enum class Processors {
+        /// The relay has one to itself and the load another. A message takes a third of the time
+        /// when the scheduler happens to have put both ends and the relay on one processor, and
+        /// does so in some rounds: it would decide a comparison.
+        apart,
+        any,
+    };
+
     /// The calling thread starts the load's threads, and the relay's main thread its others: they
-    /// inherit their places. Does nothing on a machine with one processor.
+    /// inherit their places.
     /// @param relay 0 for none
-    explicit Placement(pid_t relay);
+    Placement(pid_t relay, Processors processors);
     ~Placement();
     Placement(const Placement&) = delete;
     Placement& operator=(const Placement&) = delete;

@@ -2,33 +2,42 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <stdexcept>
+#include <fstream>
 #include <system_error>
-#include <utility>
 
 namespace Bench {
 
-Results::Results(const std::string& path, std::string to, int number)
-    : out(path, std::ios::app), target(std::move(to)), round(number) {
-    if (!out)
-        throw std::system_error(errno, std::generic_category(), path);
+void Results::add(const std::string& target, const std::string& measure, const std::string& metric,
+                  double value) {
+    figures.push_back({target, measure, metric, value});
 }
 
-void Results::add(std::string_view measure, std::string_view metric, double value) {
-    out << target << '\t' << round << '\t' << measure << '\t' << metric << '\t' << value
-        << std::endl;
+void Results::addLatencies(const std::string& target, const std::string& measure,
+                           const Samples& samples) {
+    Samples& all = latencies[{target, measure}];
+    const auto warmUp = static_cast<std::ptrdiff_t>(samples.size() / 10);
+    all.insert(all.end(), samples.begin() + warmUp, samples.end());
 }
 
-void Results::addLatencies(std::string_view measure, Samples samples) {
-    samples.erase(samples.begin(),
-                  samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 10));
-    if (samples.empty())
-        throw std::runtime_error("nothing arrived in measure " + std::string(measure));
-    std::sort(samples.begin(), samples.end());
-    for (std::size_t percent = 1; percent < 100; ++percent) {
-        const std::size_t rank = samples.size() * percent / 100;
-        add(measure, "p" + std::to_string(percent), static_cast<double>(samples[rank]) / 1000);
+void Results::write(const std::string& path) const {
+    std::ofstream out(path);
+    const auto writeLine = [&out](const Figure& figure) {
+        out << figure.target << '\t' << figure.measure << '\t' << figure.metric << '\t'
+            << figure.value << '\n';
+    };
+    for (const Figure& figure : figures)
+        writeLine(figure);
+    for (const auto& [key, samples] : latencies) {
+        Samples sorted = samples;
+        std::sort(sorted.begin(), sorted.end());
+        for (std::size_t percent = 1; percent < 100; ++percent) {
+            const std::int64_t value = sorted[sorted.size() * percent / 100];
+            writeLine({key.first, key.second, "p" + std::to_string(percent),
+                       static_cast<double>(value) / 1000});
+        }
     }
+    if (!out.flush())
+        throw std::system_error(errno, std::generic_category(), path);
 }
 
 } // namespace Bench

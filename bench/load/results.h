@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
+#include <map>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Bench {
@@ -11,22 +11,33 @@ namespace Bench {
 /// Latencies of one measure, in nanoseconds.
 using Samples = std::vector<std::int64_t>;
 
-/// The figures of one run of the load against one target: appended to a file, a line each, as
-/// "target round measure metric value", separated by tabs.
+/// The figures of all targets and rounds.
 class Results {
 public:
-    /// @throws std::system_error when the file cannot be opened
-    Results(const std::string& path, std::string target, int round);
+    /// A figure of one round.
+    void add(const std::string& target, const std::string& measure, const std::string& metric,
+             double value);
 
-    void add(std::string_view measure, std::string_view metric, double value);
-    /// The percentiles 1 to 99 in microseconds, as "p1" to "p99". The first tenth of the samples is
-    /// left out: there the connection still warms up.
-    void addLatencies(std::string_view measure, Samples samples);
+    /// The latencies of one round. The first tenth is left out: there the connection warms up.
+    void addLatencies(const std::string& target, const std::string& measure,
+                      const Samples& samples);
+
+    /// Writes a line for each figure: target, measure, metric and value, separated by tabs. The
+    /// figures of each round, and the percentiles 1 to 99 of the latencies of all rounds together,
+    /// in microseconds, as "p1" to "p99".
+    /// @throws std::system_error when the file cannot be written
+    void write(const std::string& path) const;
 
 private:
-    std::ofstream out;
-    std::string target;
-    int round;
+    struct Figure {
+        std::string target;
+        std::string measure;
+        std::string metric;
+        double value;
+    };
+
+    std::vector<Figure> figures;
+    std::map<std::pair<std::string, std::string>, Samples> latencies; // by target and measure
 };
 
 } // namespace Bench

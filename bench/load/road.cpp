@@ -21,7 +21,7 @@ using Vorl::Descriptor;
 constexpr int backlog = 128;
 constexpr int acceptMilliseconds = 10'000;
 
-sockaddr_in tcpAddress(const char* address) {
+sockaddr_in tcpAddress(const char* address, std::uint16_t port) {
     sockaddr_in result{};
     result.sin_family = AF_INET;
     result.sin_port = htons(port);
@@ -36,12 +36,12 @@ template<typename Address> void listenOn(int fd, const Address& address) {
         failed("listen");
 }
 
-Descriptor listenTcp() {
+Descriptor listenTcp(std::uint16_t port) {
     Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int enable = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &enable, sizeof enable);
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &enable, sizeof enable); // for those accepted
-    listenOn(fd.get(), tcpAddress("0.0.0.0"));
+    listenOn(fd.get(), tcpAddress("0.0.0.0", port));
     return fd;
 }
 
@@ -57,8 +57,8 @@ Descriptor listenLocal(const std::string& path) {
 
 } // namespace
 
-Road::Road(bool direct, const std::string& socketPath)
-    : listening(direct ? listenTcp() : listenLocal(socketPath)) {}
+Road::Road(std::uint16_t onPort, const std::string& socketPath)
+    : port(onPort), listening(socketPath.empty() ? listenTcp(port) : listenLocal(socketPath)) {}
 
 Connection Road::connect(const DelayLine* line) const {
     Connection result;
@@ -66,7 +66,7 @@ Connection Road::connect(const DelayLine* line) const {
                                     : Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int enable = 1; // as RDP clients do
     setsockopt(result.client.get(), IPPROTO_TCP, TCP_NODELAY, &enable, sizeof enable);
-    const auto address = tcpAddress(line != nullptr ? DelayLine::nearAddress : "127.0.0.1");
+    const auto address = tcpAddress(line != nullptr ? DelayLine::nearAddress : "127.0.0.1", port);
     if (::connect(result.client.get(), reinterpret_cast<const sockaddr*>(&address),
                   sizeof address) < 0)
         failed("connect to the relay");

@@ -10,8 +10,6 @@ namespace Bench {
 
 class DelayLine;
 
-constexpr std::uint16_t port = 3389;
-
 /// Both ends of one relayed connection, as this process holds them. Blocking.
 struct Connection {
     Vorl::Descriptor client;
@@ -22,14 +20,16 @@ struct Connection {
 /// port, or, to have something to compare with, straight to the port.
 class Road {
 public:
-    /// @param direct no relay: the shadow listens on the port itself, else on the local socket
-    Road(bool direct, const std::string& socketPath);
+    /// @param socketPath where the relay finds the shadow server; empty: there is no relay, and the
+    ///                   shadow server listens on the port itself
+    Road(std::uint16_t port, const std::string& socketPath);
 
     /// @param line if given, the client is at the far end of it
     [[nodiscard]] Connection connect(const DelayLine* line = nullptr) const;
     [[nodiscard]] std::vector<Connection> connect(int count) const;
 
 private:
+    std::uint16_t port;
     Vorl::Descriptor listening;
 };
 
