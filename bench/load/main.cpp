@@ -99,8 +99,8 @@ int main(int argc, char* argv[]) {
         std::vector<Target> targets;
         for (std::size_t at = 3; at < arguments.size(); at += 4) {
             const auto port = static_cast<std::uint16_t>(numberFrom(arguments[at + 2]));
-            targets.push_back({arguments[at], numberFrom(arguments[at + 1]),
-                               Road(port, arguments[at + 3])});
+            targets.push_back(
+                {arguments[at], numberFrom(arguments[at + 1]), Road(port, arguments[at + 3])});
         }
         Results results;
         measureAll(numberFrom(arguments[0]), arguments[1], targets, results);
