@@ -5,8 +5,8 @@ usage: report.py RESULTS [--record DOCUMENT]
 
 Reads RESULTS/figures.tsv and RESULTS/machine.txt, writes the tables as RESULTS/table.md and the
 data of the plots as RESULTS/*.dat, and prints the tables. --record puts them into the document as
-well, between its two marker lines. A figure is the median of its rounds, a percentile that of all rounds
-together.
+well, between its two marker lines. A figure is the median of its rounds, a percentile the median of
+those of the run's three parts.
 """
 import collections
 import pathlib
@@ -89,6 +89,11 @@ def best_of(row, values, peers):
     return max(found) if row.aim in ("rate", "least") else min(found)
 
 
+def as_stated(value, bound):
+    """The value with as many decimals as the aim has: more would be the noise of the machine."""
+    return round(value, len(str(bound).partition(".")[2]))
+
+
 def judge(row, ours, values):
     """The aim in words, and whether it was reached in this run."""
     if row.aim is None:
@@ -97,9 +102,9 @@ def judge(row, ours, values):
         best = best_of(row, values, [peer for peer in PEERS if peer not in SPLICING])
     else:
         best = best_of(row, values, PEERS)
-    reached = {"rate": lambda: round(ours / best, 2) >= row.bound,  # as it is shown
-               "best": lambda: round(ours / best, 2) <= row.bound,
-               "copying": lambda: round(ours / best, 2) <= row.bound,
+    reached = {"rate": lambda: as_stated(ours / best, row.bound) >= row.bound,
+               "best": lambda: as_stated(ours / best, row.bound) <= row.bound,
+               "copying": lambda: as_stated(ours / best, row.bound) <= row.bound,
                "most": lambda: ours < row.bound,
                "least": lambda: ours > row.bound}[row.aim]()
     return AIMS[row.aim].format(row.bound, row.unit).strip(), "yes" if reached else "**no**"

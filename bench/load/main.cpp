@@ -21,6 +21,7 @@ constexpr const char* usage =
     "MEASURE is one of the measures, or \"all\". A PID of 0, with an empty SOCKET, stands for no\n"
     "relay: the clients connect to the shadow server itself.\n";
 
+constexpr int parts = 3;
 constexpr std::string_view ownRelay = "vorl_proxy"; // it can end its jobs on a signal
 
 struct Measure {
@@ -73,6 +74,7 @@ void showProgress(int round, int rounds, std::string_view measure) {
 void measureAll(int rounds, std::string_view wanted, const std::vector<Target>& targets,
                 Results& results) {
     for (int round = 1; round <= rounds; ++round) {
+        results.startPart((round - 1) * parts / rounds);
         for (const Measure& measure : measures) {
             if (round > measure.mostRounds || (wanted != "all" && wanted != measure.name))
                 continue;

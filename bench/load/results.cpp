@@ -14,7 +14,7 @@ void Results::add(const std::string& target, const std::string& measure, const s
 
 void Results::addLatencies(const std::string& target, const std::string& measure,
                            const Samples& samples) {
-    Samples& all = latencies[{target, measure}];
+    Samples& all = latencies[{target, measure, part}];
     const auto warmUp = static_cast<std::ptrdiff_t>(samples.size() / 10);
     all.insert(all.end(), samples.begin() + warmUp, samples.end());
 }
@@ -28,11 +28,12 @@ void Results::write(const std::string& path) const {
     for (const Figure& figure : figures)
         writeLine(figure);
     for (const auto& [key, samples] : latencies) {
+        const auto& [target, measure, unused] = key;
         Samples sorted = samples;
         std::sort(sorted.begin(), sorted.end());
         for (std::size_t percent = 1; percent < 100; ++percent) {
             const std::int64_t value = sorted[sorted.size() * percent / 100];
-            writeLine({key.first, key.second, "p" + std::to_string(percent),
+            writeLine({target, measure, "p" + std::to_string(percent),
                        static_cast<double>(value) / 1000});
         }
     }

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 namespace Bench {
@@ -14,6 +14,10 @@ using Samples = std::vector<std::int64_t>;
 /// The figures of all targets and rounds.
 class Results {
 public:
+    /// Latencies added from here on belong to this part of the run. Percentiles are taken of each
+    /// part by itself, so that a disturbance of the machine spoils one of them and not all.
+    void startPart(int number) { part = number; }
+
     /// A figure of one round.
     void add(const std::string& target, const std::string& measure, const std::string& metric,
              double value);
@@ -23,8 +27,8 @@ public:
                       const Samples& samples);
 
     /// Writes a line for each figure: target, measure, metric and value, separated by tabs. The
-    /// figures of each round, and the percentiles 1 to 99 of the latencies of all rounds together,
-    /// in microseconds, as "p1" to "p99".
+    /// figures of each round, and the percentiles 1 to 99 of the latencies of each part, in
+    /// microseconds, as "p1" to "p99".
     /// @throws std::system_error when the file cannot be written
     void write(const std::string& path) const;
 
@@ -36,8 +40,9 @@ private:
         double value;
     };
 
+    int part = 0;
     std::vector<Figure> figures;
-    std::map<std::pair<std::string, std::string>, Samples> latencies; // by target and measure
+    std::map<std::tuple<std::string, std::string, int>, Samples> latencies; // target, measure, part
 };
 
 } // namespace Bench
