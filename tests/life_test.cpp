@@ -82,6 +82,10 @@ TEST_F(Life, AChangedConfigurationIsInForceAtTheNextUse) {
     change("[1", {"readJson: parse failed, path: *", notObject});
     change(R"({"debug:level": []})", {"PeriodicTask: exception: *"});
     std::filesystem::remove(file);
+    std::filesystem::create_directory(file);
+    touch();
+    EXPECT_TRUE(journal.saw({"readJson: parse failed, path: *", notObject}));
+    std::filesystem::remove(file);
     const std::string failed = "reloadConfigWatcher: stat failed, error: *, code: 2";
     EXPECT_TRUE(journal.saw({failed, failed}));
     EXPECT_TRUE(echoes(open()));

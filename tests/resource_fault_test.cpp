@@ -36,6 +36,11 @@ TEST_F(ResourceFault, WithoutDescriptorsItGoesOnOnceThereAreSome) {
     }
     EXPECT_TRUE(echoes(open()));
     EXPECT_EQ(shadow("descriptors"), "0 1 2 ");
+    const auto begin = std::chrono::steady_clock::now();
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+    EXPECT_TRUE(echoes(open())) << "with the most descriptors that there can be";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
 TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
@@ -96,6 +101,9 @@ TEST_F(ResourceFault, WithoutSpaceNoSamFileIsHandedOver) {
     EXPECT_TRUE(journal.saw({"prepareX11RdpArgs: write failed, error: No space left on device, *",
                              "actionCreateTransport: exception: prepareX11RdpArgs, *"}));
     EXPECT_FALSE(exists(full / "sam_3_0"));
+    describe(R"("sec:nla": false, "sec:tls": true)"); // without a SAM file; its log stays empty
+    EXPECT_TRUE(echoes(open()));
+    describe("");
     std::filesystem::remove(full / "filler");
     ASSERT_EQ(mount("none", full.c_str(), "tmpfs", MS_REMOUNT, "size=1m"), 0);
     EXPECT_TRUE(echoes(open()));

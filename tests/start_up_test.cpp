@@ -1,5 +1,7 @@
 #include "fixtures/stage.h"
 
+#include <sys/stat.h>
+
 namespace VorlTest {
 
 class StartUp : public Stage {
@@ -77,6 +79,9 @@ TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
     EXPECT_NE(shadow("environment").find("HOME=" + home.string()), std::string::npos);
     stop();
 
+    std::filesystem::permissions(daemon.configuration, std::filesystem::perms::owner_read);
+    expectEnd({"readJson: open failed, path: *proxy.json", "exception: ProxyConnection"});
+
     daemon.arguments.back() = "nobody-known";
     start();
     EXPECT_TRUE(journal.saw({"getUserInfo: getpwnam_r failed, user: `nobody-known', error: *",
@@ -96,6 +101,9 @@ TEST_F(StartUp, AConfigurationThatIsNoObjectEndsIt) {
     std::filesystem::remove(file);
     std::filesystem::create_directory(file);
     expectEnd({"readJson: file: " + file, "exception: *"});
+    std::filesystem::remove(file);
+    EXPECT_EQ(mkfifo(file.c_str(), 0600), 0); // without a writer, for which an open would wait
+    expectEnd({"readJson: open failed, path: " + file, "exception: ProxyConnection"});
     std::filesystem::remove(file);
     std::ofstream(file) << "{\"debug:level\": \"trace\", "; // what has been read of it counts
     daemon.start();
