@@ -52,7 +52,7 @@ public:
             if (entries[0].revents != 0)
                 admit();
             if (entries[1].revents != 0) {
-                signalfd_siginfo ignored;
+                signalfd_siginfo ignored{};
                 (void)!::read(endJobs.get(), &ignored, sizeof ignored);
                 jobs.clear();
             }

@@ -29,6 +29,8 @@ TEST_F(Failure, OfTheSessionDescription) {
     for (const std::string& json : {std::string("3"), '"' + std::string(400'000, 'x') + '"'})
         expect(json, {"JsonConfigString: config failed, not json object: `" + json + "'",
                       failed + "JsonConfigString, session id: 7"});
+    expect('"' + std::string(25UL * 400'000, 'x') + '"', // libsystemd drops a line of over 1 MiB
+           {failed + "JsonConfigString, session id: 7"});
     for (const char* json : {R"({"home": "a%{home}"})", R"({"xauthfile": "%{authfile}"})"})
         expect(json, {"prepareX11RdpArgs: launch refused, value brings its own placeholder back: *",
                       failed + "*"});

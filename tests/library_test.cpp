@@ -44,7 +44,7 @@ TEST_F(Library, TextsAreReplacedFromTheStartAgainAndAgain) {
     EXPECT_EQ(Utils::stringLower("AbÄ") + Utils::stringUpper("aBä"), "abÄABä");
 }
 
-TEST_F(Library, ALongSocketPathIsCut) {
+TEST_F(Library, ALongSocketPathIsCutAndATextThatIsNoAddressRefused) {
     const std::string path = makeDirectory() / std::string(200, 'x');
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, 107);
@@ -54,6 +54,8 @@ TEST_F(Library, ALongSocketPathIsCut) {
     EXPECT_TRUE(Descriptor(Socket::unixConnect(path)));
     EXPECT_TRUE(journal.saw({"unixConnect: unix path is long, truncated to size: 107",
                              "unixConnect: path: " + path.substr(0, 107), "unixConnect: fd: *"}));
+    EXPECT_EQ(Socket::tcpListen("localhost", 0, 1), -1); // the kernel would take it for a broadcast
+    EXPECT_TRUE(journal.saw({"tcpListen: bind failed, error: Cannot assign *, code: 99"}));
 }
 
 TEST_F(Library, OnlyInputIsReadiness) {

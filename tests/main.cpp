@@ -11,7 +11,9 @@ int main(int argc, char** argv) {
 
 // A call that the tests' session service never answers: libdbus-c++ keeps what it would answer
 // with.
-extern "C" const char* __lsan_default_suppressions();  // NOLINT(bugprone-reserved-identifier)
-extern "C" const char* __lsan_default_suppressions() { // NOLINT(bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the sanitizer's name
+extern "C" const char* __lsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions() {
     return "leak:libdbus-c++-1.so\n";
 }
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

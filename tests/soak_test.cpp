@@ -56,6 +56,7 @@ TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
 
 TEST_F(Soak, DISABLED_EightBusyRelays) {
     const char* const wanted = std::getenv("VORL_SOAK_MINUTES");
+    ASSERT_NE(wanted, nullptr) << "is set by scripts/soak";
     const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(std::atoi(wanted));
     start(R"("debug:level": "none")");
     std::vector<Descriptor> clients;

@@ -16,7 +16,7 @@ double megabytesPerSecond(const Road& road, bool up) {
     const std::jthread sender = sendWithoutPause(from);
     const HangUp hangUp(connection);
 
-    std::vector<char> bytes(256 * 1024);
+    std::vector<char> bytes(block);
     const auto receiveFor = [&](double seconds) {
         const auto start = Clock::now();
         const auto end = after(seconds);

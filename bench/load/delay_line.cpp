@@ -78,7 +78,7 @@ struct Way {
     std::deque<Packet> underway{};
 
     void take() {
-        std::array<char, 2048> bytes;
+        std::array<char, 2048> bytes{};
         for (;;) {
             const ssize_t size = read(from, bytes.data(), bytes.size());
             if (size <= 0)

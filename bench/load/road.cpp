@@ -82,6 +82,7 @@ Connection Road::connect(const DelayLine* line) const {
 
 std::vector<Connection> Road::connect(int count) const {
     std::vector<Connection> result;
+    result.reserve(static_cast<std::size_t>(count));
     for (int made = 0; made < count; ++made)
         result.push_back(connect());
     return result;

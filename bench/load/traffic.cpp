@@ -12,8 +12,6 @@ namespace Bench {
 
 namespace {
 
-constexpr std::size_t block = 256 * 1024;
-
 /// Sends at a mean rate until the other end has gone or `count` messages are out; 0: no limit.
 void sendPaced(int fd, std::size_t size, double perSecond, std::size_t count) {
     Message message(size);

@@ -9,7 +9,8 @@
 namespace Bench {
 
 constexpr std::size_t keystroke = 64;
-constexpr std::size_t frame = 40 * 1000;
+constexpr std::size_t frame = 40'000;
+constexpr std::size_t block = 262'144; ///< what bulk is sent and received in
 constexpr double framesPerSecond = 60;
 
 /// Sends messages of one size from one end at a steady rate, with a jitter of a quarter so that

@@ -14,6 +14,20 @@
 
 namespace Vorl::Socket {
 
+namespace {
+
+/// Text that is no address has become the broadcast address: the kernel would bind it, and nobody
+/// could ever connect.
+bool bindTo(int fd, const sockaddr_in& local) {
+    if (local.sin_addr.s_addr == INADDR_NONE) {
+        errno = EADDRNOTAVAIL;
+        return false;
+    }
+    return bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+}
+
+} // namespace
+
 int tcpListen(std::string_view address, std::uint16_t port, int backlog) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -35,7 +49,7 @@ int tcpListen(std::string_view address, std::uint16_t port, int backlog) {
     local.sin_addr.s_addr = address == "0.0.0.0" ? htonl(INADDR_ANY) : inet_addr(address.data());
 
     Syslog::debug("%s: bind addr: %s, port: %d", "tcpListen", address.data(), port);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) < 0) {
+    if (!bindTo(fd, local)) {
         logCallFailed("tcpListen", "bind");
         // Deliberately not closed: the socket stays open for the life of the process, one for each
         // failed bind, and nobody learns its number.

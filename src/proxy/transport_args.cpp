@@ -40,8 +40,7 @@ std::string fill(const std::string& entry, std::string_view placeholder, const s
 
 /// @return false, without a message, when the file cannot be opened
 /// @throws vorl_error after an error line when it could not be written whole: the shadow server
-/// must
-///         not see half of it
+///         must not see half of it
 bool writeSamFile(const std::string& path, const std::string& line) {
     // A new file each time: what stands there may be an earlier connection's, or planted.
     unlink(path.c_str());
