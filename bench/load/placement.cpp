@@ -49,10 +49,24 @@ cpu_set_t all() {
     return result;
 }
 
+/// Keeps a processor from halting, at a priority that gives way to everything. A virtual processor
+/// that has halted comes back when its host has time for it, and the figures would be the host's.
+std::jthread keepAwake(int processor) {
+    return std::jthread([processor](const std::stop_token& stop) {
+        place(0, {only(processor), SCHED_IDLE, 0});
+        while (!stop.stop_requested()) {
+        }
+    });
+}
+
 } // namespace
 
 Placement::Placement(pid_t toPlace, Processors processors) : relay(toPlace) {
     const bool apart = processors == Processors::apart && sysconf(_SC_NPROCESSORS_ONLN) > 1;
+    if (apart) {
+        for (const int processor : {loadProcessor, relayProcessor})
+            awake.push_back(keepAwake(processor));
+    }
     place(0, {apart ? only(loadProcessor) : all(), SCHED_FIFO, 1});
     placeRelay(relay, {apart ? only(relayProcessor) : all(), SCHED_FIFO, 1});
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <thread>
+#include <vector>
+
 #include <sys/types.h>
 
 namespace Bench {
@@ -11,7 +14,7 @@ public:
     enum class Processors {
         /// The relay has one to itself and the load another. A message takes a third of the time
         /// when the scheduler happens to have put both ends and the relay on one processor, and
-        /// does so in some rounds: it would decide a comparison.
+        /// does so in some rounds: it would decide a comparison. Neither processor halts.
         apart,
         any,
     };
@@ -26,6 +29,7 @@ public:
 
 private:
     pid_t relay;
+    std::vector<std::jthread> awake; // last: ends first
 };
 
 } // namespace Bench
