@@ -50,7 +50,7 @@ void measureEcho(const Target& target, Results& results) {
     Message message(keystroke);
     Samples samples;
     const std::int64_t before = target.relay != 0 ? usageOf(target.relay).processorTime : 0;
-    for (const auto end = after(0.15); Clock::now() < end;) {
+    for (const auto end = after(0.04); Clock::now() < end;) {
         if (!message.send(connection.client.get()))
             failed("send");
         samples.push_back(message.receive(connection.client.get()));
@@ -68,13 +68,13 @@ void measureOneWay(const Target& target, Results& results) {
     const Connection connection = target.road.connect();
     results.addLatencies(
         target.name, "one way",
-        timeMessages(connection.shadow.get(), connection.client.get(), keystroke, 500, 0.3));
+        timeMessages(connection.shadow.get(), connection.client.get(), keystroke, 500, 0.15));
 }
 
 void measureFrames(const Target& target, Results& results) {
     const Placement placement(target.relay, apart);
     const Connection connection = target.road.connect();
-    results.addLatencies(target.name, "frames", timeFrames(connection, 0.5));
+    results.addLatencies(target.name, "frames", timeFrames(connection, 0.25));
 }
 
 void measureFramesOverDelayLine(const Target& target, Results& results) {
@@ -94,8 +94,8 @@ void measureKeystrokeUnderLoad(const Target& target, Results& results) {
     const std::jthread picture = sendWithoutPause(connection.shadow.get());
     const std::jthread client = receiveSlowly(connection.client.get());
     const HangUp hangUp(connection);
-    pause(0.25); // the way down is full
-    results.addLatencies(target.name, "keystroke", timeKeystrokes(connection, 200, 0.3));
+    pause(0.15); // the way down is full
+    results.addLatencies(target.name, "keystroke", timeKeystrokes(connection, 300, 0.2));
 }
 
 void measureKeystrokeOnSlowLine(const Target& target, Results& results) {
@@ -106,7 +106,7 @@ void measureKeystrokeOnSlowLine(const Target& target, Results& results) {
     const std::jthread picture = sendWithoutPause(connection.shadow.get());
     const std::jthread client = receiveWithoutPause(connection.client.get());
     const HangUp hangUp(connection);
-    pause(0.5); // the line is full
+    pause(0.3); // the line is full
     results.addLatencies(target.name, "keystroke slow line", timeKeystrokes(connection, 100, 0.4));
 }
 

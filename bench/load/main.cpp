@@ -1,6 +1,7 @@
 // Puts one load after another on each relay in turn, for a number of rounds.
 
 #include "measures.h"
+#include "usage.h"
 
 #include <charconv>
 #include <cstdio>
@@ -27,22 +28,23 @@ constexpr std::string_view ownRelay = "vorl_proxy"; // it can end its jobs on a 
 struct Measure {
     std::string_view name;
     void (*take)(const Target& target, Results& results);
+    int turns = 1; // of each target in a round: many and short where the machine's noise is coarse
     int mostRounds = 1000;
 };
 
 constexpr Measure measures[] = {
-    {"idle", measureIdleAndMemory, 1}, // the relays are as they were started
+    {"idle", measureIdleAndMemory, 1, 1}, // the relays are as they were started
     {"bulk", measureBulk},
-    {"echo", measureEcho},
-    {"oneway", measureOneWay},
-    {"frames", measureFrames},
+    {"echo", measureEcho, 8},
+    {"oneway", measureOneWay, 2},
+    {"frames", measureFrames, 2},
     {"delay", measureFramesOverDelayLine},
-    {"keystroke", measureKeystrokeUnderLoad},
+    {"keystroke", measureKeystrokeUnderLoad, 2},
     {"slowline", measureKeystrokeOnSlowLine},
     {"upload", measureFramesDuringUpload},
     {"slowupload", measureFramesDuringSlowUpload},
     {"busy", measureBusy},
-    {"end", measureEndOfStalledJob, 5},
+    {"end", measureEndOfStalledJob, 1, 5},
 };
 
 int numberFrom(std::string_view text) {
@@ -56,12 +58,22 @@ int numberFrom(std::string_view text) {
 void takeMeasure(const Measure& measure, const Target& target, Results& results) {
     if (measure.name == "end" && target.name != ownRelay)
         return;
+    const std::int64_t before = timeTakenByHost();
     try {
         measure.take(target, results);
+        results.endTurn(timeTakenByHost() > before);
     } catch (const std::exception& failure) {
         throw std::runtime_error(std::string(measure.name) + " on " + target.name + ": " +
                                  failure.what());
     }
+}
+
+/// A turn of each target, beginning with another one each time: the first one bears what the last
+/// measure has left behind.
+void takeTurns(const Measure& measure, const std::vector<Target>& targets, std::size_t first,
+               Results& results) {
+    for (std::size_t turn = 0; turn < targets.size(); ++turn)
+        takeMeasure(measure, targets[(first + turn) % targets.size()], results);
 }
 
 void showProgress(int round, int rounds, std::string_view measure) {
@@ -79,11 +91,8 @@ void measureAll(int rounds, std::string_view wanted, const std::vector<Target>& 
             if (round > measure.mostRounds || (wanted != "all" && wanted != measure.name))
                 continue;
             showProgress(round, rounds, measure.name);
-            // Each round begins with another target: nobody always follows the same one.
-            for (std::size_t turn = 0; turn < targets.size(); ++turn) {
-                const std::size_t at = (turn + static_cast<std::size_t>(round)) % targets.size();
-                takeMeasure(measure, targets[at], results);
-            }
+            for (int turn = 0; turn < measure.turns; ++turn)
+                takeTurns(measure, targets, static_cast<std::size_t>(round + turn), results);
         }
     }
     showProgress(rounds, rounds, "done\n");

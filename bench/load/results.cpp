@@ -14,9 +14,23 @@ void Results::add(const std::string& target, const std::string& measure, const s
 
 void Results::addLatencies(const std::string& target, const std::string& measure,
                            const Samples& samples) {
-    Samples& all = latencies[{target, measure, part}];
     const auto warmUp = static_cast<std::ptrdiff_t>(samples.size() / 10);
-    all.insert(all.end(), samples.begin() + warmUp, samples.end());
+    Samples warm(samples.begin() + warmUp, samples.end());
+    turn.emplace_back(&pools[{target, measure, part}], warm);
+
+    const auto middle = warm.begin() + static_cast<std::ptrdiff_t>(warm.size() / 2);
+    std::nth_element(warm.begin(), middle, warm.end());
+    add(target, measure, "median", static_cast<double>(*middle) / 1000);
+}
+
+void Results::endTurn(bool disturbed) {
+    for (const auto& [pool, samples] : turn) {
+        Samples& all = disturbed ? pool->disturbed : pool->undisturbed;
+        all.insert(all.end(), samples.begin(), samples.end());
+        ++turns;
+        disturbedTurns += disturbed ? 1 : 0;
+    }
+    turn.clear();
 }
 
 void Results::write(const std::string& path) const {
@@ -27,9 +41,10 @@ void Results::write(const std::string& path) const {
     };
     for (const Figure& figure : figures)
         writeLine(figure);
-    for (const auto& [key, samples] : latencies) {
+    writeLine({"host", "turns", "disturbed %", 100.0 * disturbedTurns / std::max(turns, 1)});
+    for (const auto& [key, pool] : pools) {
         const auto& [target, measure, unused] = key;
-        Samples sorted = samples;
+        Samples sorted = pool.undisturbed.empty() ? pool.disturbed : pool.undisturbed;
         std::sort(sorted.begin(), sorted.end());
         for (std::size_t percent = 1; percent < 100; ++percent) {
             const std::int64_t value = sorted[sorted.size() * percent / 100];

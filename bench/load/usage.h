@@ -15,4 +15,8 @@ struct Usage {
 
 [[nodiscard]] Usage usageOf(pid_t relay);
 
+/// What the host of a virtual machine has given of its processors to others ("steal" in proc(5)),
+/// in hundredths of a second; 0 on a machine of its own.
+[[nodiscard]] std::int64_t timeTakenByHost();
+
 } // namespace Bench
