@@ -50,7 +50,7 @@ void measureEcho(const Target& target, Results& results) {
     Message message(keystroke);
     Samples samples;
     const std::int64_t before = target.relay != 0 ? usageOf(target.relay).processorTime : 0;
-    for (const auto end = after(0.04); Clock::now() < end;) {
+    for (const auto end = after(0.03); Clock::now() < end;) {
         if (!message.send(connection.client.get()))
             failed("send");
         samples.push_back(message.receive(connection.client.get()));

@@ -35,7 +35,7 @@ struct Measure {
 constexpr Measure measures[] = {
     {"idle", measureIdleAndMemory, 1, 1}, // the relays are as they were started
     {"bulk", measureBulk},
-    {"echo", measureEcho, 8},
+    {"echo", measureEcho, 12},
     {"oneway", measureOneWay, 2},
     {"frames", measureFrames, 2},
     {"delay", measureFramesOverDelayLine},
@@ -70,10 +70,11 @@ void takeMeasure(const Measure& measure, const Target& target, Results& results)
 
 /// A turn of each target, beginning with another one each time: the first one bears what the last
 /// measure has left behind.
-void takeTurns(const Measure& measure, const std::vector<Target>& targets, std::size_t first,
+void takeTurns(const Measure& measure, const std::vector<Target>& targets, int first,
                Results& results) {
     for (std::size_t turn = 0; turn < targets.size(); ++turn)
-        takeMeasure(measure, targets[(first + turn) % targets.size()], results);
+        takeMeasure(measure, targets[(static_cast<std::size_t>(first) + turn) % targets.size()],
+                    results);
 }
 
 void showProgress(int round, int rounds, std::string_view measure) {
@@ -92,7 +93,7 @@ void measureAll(int rounds, std::string_view wanted, const std::vector<Target>& 
                 continue;
             showProgress(round, rounds, measure.name);
             for (int turn = 0; turn < measure.turns; ++turn)
-                takeTurns(measure, targets, static_cast<std::size_t>(round + turn), results);
+                takeTurns(measure, targets, round + turn, results);
         }
     }
     showProgress(rounds, rounds, "done\n");
