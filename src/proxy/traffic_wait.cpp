@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 // A stop of the daemon need not wait for it: there the jobs are destroyed, which wakes their
 // threads. Shorter, a hundred idle connections would cost a noticeable part of a processor.
-constexpr int stopNoticeMilliseconds = 350;
+constexpr int stopNoticeMilliseconds = 1000;
 constexpr auto hangUpPause = 3ms;
 
 /// What to wait for on a socket that is the source of one direction and the destination of the

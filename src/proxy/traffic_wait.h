@@ -14,9 +14,8 @@ struct Traffic {
 /// up its own picture and not the keystrokes on their way to the desktop. Until then the wait is
 /// for room at the destination, and for the end of the source.
 ///
-/// @return as soon as there is traffic, and without any after at most 350 ms (for the caller to
-///         look at its flags; the sweep of ended relays looks as often), when room was found, or
-///         when a socket only reports a hang-up
+/// @return as soon as there is traffic, and without any after at most a second (for the caller
+///         to look at its flags), when room was found, or when a socket only reports a hang-up
 [[nodiscard]] Traffic waitForTraffic(int client, int transport);
 
 } // namespace Vorl
