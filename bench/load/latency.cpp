@@ -68,7 +68,7 @@ void measureOneWay(const Target& target, Results& results) {
     const Connection connection = target.road.connect();
     results.addLatencies(
         target.name, "one way",
-        timeMessages(connection.shadow.get(), connection.client.get(), keystroke, 500, 0.15));
+        timeMessages(connection.shadow.get(), connection.client.get(), keystroke, 1000, 0.04));
 }
 
 void measureFrames(const Target& target, Results& results) {
@@ -84,8 +84,8 @@ void measureFramesOverDelayLine(const Target& target, Results& results) {
     const std::jthread typing = type(connection.client.get());
     const std::jthread shadow = receiveWithoutPause(connection.shadow.get());
     const HangUp hangUp(connection);
-    (void)timeFrames(connection, 0.3); // until the congestion window holds a frame
-    results.addLatencies(target.name, "frames 20 ms", timeFrames(connection, 0.5));
+    (void)timeFrames(connection, 0.2); // until the congestion window holds a frame
+    results.addLatencies(target.name, "frames 20 ms", timeFrames(connection, 0.4));
 }
 
 void measureKeystrokeUnderLoad(const Target& target, Results& results) {
@@ -94,8 +94,8 @@ void measureKeystrokeUnderLoad(const Target& target, Results& results) {
     const std::jthread picture = sendWithoutPause(connection.shadow.get());
     const std::jthread client = receiveSlowly(connection.client.get());
     const HangUp hangUp(connection);
-    pause(0.15); // the way down is full
-    results.addLatencies(target.name, "keystroke", timeKeystrokes(connection, 300, 0.2));
+    pause(0.05); // the way down is full
+    results.addLatencies(target.name, "keystroke", timeKeystrokes(connection, 300, 0.1));
 }
 
 void measureKeystrokeOnSlowLine(const Target& target, Results& results) {
@@ -107,7 +107,7 @@ void measureKeystrokeOnSlowLine(const Target& target, Results& results) {
     const std::jthread client = receiveWithoutPause(connection.client.get());
     const HangUp hangUp(connection);
     pause(0.3); // the line is full
-    results.addLatencies(target.name, "keystroke slow line", timeKeystrokes(connection, 100, 0.4));
+    results.addLatencies(target.name, "keystroke slow line", timeKeystrokes(connection, 100, 0.3));
 }
 
 void measureFramesDuringUpload(const Target& target, Results& results) {

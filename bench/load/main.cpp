@@ -36,10 +36,10 @@ constexpr Measure measures[] = {
     {"idle", measureIdleAndMemory, 1, 1}, // the relays are as they were started
     {"bulk", measureBulk},
     {"echo", measureEcho, 12},
-    {"oneway", measureOneWay, 2},
-    {"frames", measureFrames, 2},
+    {"oneway", measureOneWay, 12},
+    {"frames", measureFrames, 3},
     {"delay", measureFramesOverDelayLine},
-    {"keystroke", measureKeystrokeUnderLoad, 2},
+    {"keystroke", measureKeystrokeUnderLoad, 6},
     {"slowline", measureKeystrokeOnSlowLine},
     {"upload", measureFramesDuringUpload},
     {"slowupload", measureFramesDuringSlowUpload},
