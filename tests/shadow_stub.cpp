@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include <fcntl.h>
@@ -39,14 +40,22 @@ void report(char** argv) {
 // Through a file, so that reading never waits for writing: the daemon could wait for it meanwhile.
 void echo(int fd) {
     const int queue = memfd_create("queue", 0);
-    std::thread([=] {
+    const auto sendBack = [=] {
         for (off_t sent = 0;;) {
             if (sendfile(fd, queue, &sent, 1 << 20) <= 0)
                 usleep(1000);
             else // whole pages that are done with
                 fallocate(queue, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, sent & ~0xFFF);
         }
-    }).detach();
+    };
+    for (bool started = false; !started;) {
+        try {
+            std::thread(sendBack).detach();
+            started = true;
+        } catch (const std::system_error&) { // where processes are limited
+            usleep(1000);
+        }
+    }
     static char buffer[65521];
     for (ssize_t size; (size = read(fd, buffer, sizeof(buffer))) > 0; alarm(patience))
         if (write(queue, buffer, static_cast<size_t>(size)) != size)
