@@ -3,7 +3,8 @@
 #include "common/error.h"
 #include "common/json_config.h"
 #include "logger"
-#include "proxy/transport_args.h"
+#include "proxy/transport/transport_args.h"
+#include "proxy/transport/transport_environment.h"
 
 #include <cstdint>
 #include <string>

@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* nullDevice = "/dev/null";
 
-[[noreturn]] void becomeFalse() {
+[[noreturn]] void execFalse() {
     execl("/bin/false", "/bin/false", nullptr);
     _exit(0);
 }
@@ -34,7 +34,7 @@ void resetSignals() {
 
 void switchToOwner(const UserInfo& owner) {
     if (!switchToUser(owner))
-        becomeFalse();
+        execFalse();
     Syslog::debug("%s: switched user: %s, current uid: %d, gid: %d", "runOwnerCommand",
                   owner.user.c_str(), getuid(), getgid());
 }
@@ -71,7 +71,7 @@ std::string outputFile(const std::filesystem::path& command, const UserInfo* own
 void closeDescriptorsOnExec() {
     if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) < 0) {
         logCallFailed("runOwnerCommand", "close_range");
-        becomeFalse(); // a program that would inherit the connections of other users
+        execFalse(); // a program that would inherit the connections of other users
     }
 }
 
@@ -96,7 +96,7 @@ void runOwnerCommand(const std::filesystem::path& command, const std::list<std::
     execve(command.c_str(), argv.data(), envp.data());
     // Known to readers of the journal under this name, though the call is execve.
     logCallFailed("runOwnerCommand", "execv");
-    becomeFalse();
+    execFalse();
 }
 
 std::vector<char*> createARGV(const std::string& first, const std::list<std::string>& arguments) {

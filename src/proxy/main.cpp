@@ -2,8 +2,8 @@
 #include "common/accounts.h"
 #include "logger"
 #include "proxy/command_line.h"
-#include "proxy/globals.h"
 #include "proxy/proxy_connection.h"
+#include "proxy/proxy_dispatcher.h"
 #include "proxy/termination_signals.h"
 
 #include <filesystem>
@@ -82,8 +82,7 @@ int main(int argc, char** argv) {
     if (commandLine->background && fork() != 0)
         return 0;
 
-    holdTerminationSignals();
-    installTerminationHandlers(commandLine->background);
+    exitOnTerminationSignals(commandLine->background);
     DBus::default_dispatcher = &proxyDispatcher;
     // Not caught: a daemon that never had a bus ends abnormally, and its service manager sees it.
     DBus::Connection connection = DBus::Connection::SystemBus();

@@ -15,7 +15,8 @@ public:
     void ready();
     /// The daemon is about to end. Periodic task.
     void stopping();
-    /// The line that `systemctl status` shows. Sent only when it has changed. One thread at a time.
+    /// The line that `systemctl status` shows. Sent only when it has changed. ready(), then the
+    /// periodic task.
     /// @param listeningSession the session that a client is being admitted to, if any
     void showActivity(std::size_t relays, std::optional<std::uint32_t> listeningSession);
 

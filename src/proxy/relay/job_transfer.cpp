@@ -1,11 +1,11 @@
-#include "proxy/job_transfer.h"
+#include "proxy/relay/job_transfer.h"
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
+#include "common/run_state.h"
 #include "logger"
-#include "proxy/globals.h"
-#include "proxy/relay_buffers.h"
-#include "proxy/relay_step.h"
-#include "proxy/traffic_wait.h"
+#include "proxy/relay/relay_buffers.h"
+#include "proxy/relay/relay_step.h"
+#include "proxy/relay/relay_wait.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -70,8 +70,8 @@ void JobTransfer::relay() {
 void JobTransfer::dropClient() {
     // An unconnected socket is to the relay what a closed descriptor is: it has no input, and
     // sending to it fails.
-    const Descriptor vacant(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const Descriptor client(fcntl(socketFd, F_DUPFD_CLOEXEC, 0));
+    const FileDescriptor vacant(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const FileDescriptor client(fcntl(socketFd, F_DUPFD_CLOEXEC, 0));
     if (!vacant || !client || dup3(vacant.get(), socketFd, O_CLOEXEC) < 0) {
         shutdown(socketFd, SHUT_RDWR);
         return;

@@ -1,10 +1,8 @@
-#include "proxy/globals.h"
+#include "common/run_state.h"
 
 namespace Vorl {
 
 std::atomic<bool> proxyRunning = false;
-
-BusLoop proxyDispatcher;
 
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores into proxyRunning");
 

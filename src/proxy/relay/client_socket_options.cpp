@@ -1,4 +1,4 @@
-#include "proxy/client_socket.h"
+#include "proxy/relay/client_socket_options.h"
 
 #include "logger"
 
@@ -29,7 +29,7 @@ void setSocketOption(int fd, int level, int option, int value, const char* label
 
 } // namespace
 
-void setClientSocketPolicy(int client, const JsonConfig& settings) {
+void setClientSocketOptions(int client, const JsonConfig& settings) {
     if (settings.getBoolean("tcp:keepalive:enable", true)) {
         setSocketOption(client, SOL_SOCKET, SO_KEEPALIVE, 1, "SO_KEEPALIVE");
         setSocketOption(client, IPPROTO_TCP, TCP_KEEPIDLE,

@@ -1,4 +1,4 @@
-#include "proxy/job_file.h"
+#include "proxy/relay/job_file.h"
 
 #include <filesystem>
 #include <system_error>

@@ -1,7 +1,7 @@
-#include "proxy/transport_handle.h"
+#include "common/transport_handle.h"
 
+#include "common/run_state.h"
 #include "logger"
-#include "proxy/globals.h"
 
 #include <algorithm>
 #include <csignal>

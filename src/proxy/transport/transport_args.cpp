@@ -1,17 +1,13 @@
-#include "proxy/transport_args.h"
+#include "proxy/transport/transport_args.h"
 
-#include "common/call_failure.h"
-#include "common/descriptor.h"
 #include "common/error.h"
 #include "common/strings.h"
 #include "logger"
+#include "proxy/transport/sam_file.h"
 
 #include <filesystem>
 #include <string_view>
 #include <system_error>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace Vorl {
 
@@ -36,25 +32,6 @@ std::string fill(const std::string& entry, std::string_view placeholder, const s
         throw vorl_error(function);
     }
     return Utils::stringReplace(entry, placeholder, value);
-}
-
-/// @return false, without a message, when the file cannot be opened
-/// @throws vorl_error after an error line when it could not be written whole: the shadow server
-///         must not see half of it
-bool writeSamFile(const std::string& path, const std::string& line) {
-    // A new file each time: what stands there may be an earlier connection's, or planted.
-    unlink(path.c_str());
-    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file)
-        return false;
-    const std::string text = line + '\n';
-    errno = ENOSPC; // what a write that is cut short leaves unsaid
-    if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        logCallFailed(function, "write");
-        unlink(path.c_str());
-        throw vorl_error(function);
-    }
-    return true;
 }
 
 const char* transportLogLevel(const JsonConfig& settings) {
@@ -104,27 +81,6 @@ std::list<std::string> transportArguments(const JsonConfig& settings, const Json
     if (builtIn)
         arguments.push_back(std::string("/log-level:") + transportLogLevel(settings));
     return arguments;
-}
-
-std::list<std::string> transportEnvironment(const JsonConfig& settings, const JsonConfig& session) {
-    std::list<std::string> environment{
-        Utils::joinString("DISPLAY=:", session.getInteger("display")),
-        "XAUTHORITY=" + session.getString("xauthfile"),
-        "FREERDP_STRONG_SESSION_CHECK=1",
-        "SESSION_USER=" + session.getString("username"),
-    };
-    const std::string realm = settings.getString("kerberos:realm");
-    if (settings.getBoolean("check:domain") && !realm.empty())
-        environment.push_back("SESSION_DOMAIN=" + realm);
-    if (settings.getBoolean("transport:shm")) {
-        environment.emplace_back("FREERDP_SHM_ENABLED=1");
-        environment.emplace_back("FREERDP_SHM_ANY=1");
-    }
-    if (settings.hasValue("transport:fps")) {
-        environment.push_back(
-            Utils::joinString("FREERDP_FRAME_RATE=", settings.getInteger("transport:fps")));
-    }
-    return environment;
 }
 
 } // namespace Vorl

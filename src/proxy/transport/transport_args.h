@@ -20,9 +20,4 @@ namespace Vorl {
                                                         const std::string& socketPath,
                                                         const std::string& samPath, bool builtIn);
 
-/// NAME=value entries for the shadow server's environment.
-/// @throws Json::LogicError when a value has the wrong type
-[[nodiscard]] std::list<std::string> transportEnvironment(const JsonConfig& settings,
-                                                          const JsonConfig& session);
-
 } // namespace Vorl

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "proxy/job_file.h"
-#include "proxy/transport_handle.h"
+#include "common/transport_handle.h"
+#include "proxy/relay/job_file.h"
 
 #include <atomic>
 #include <chrono>

@@ -7,6 +7,6 @@ namespace Vorl {
 /// Sets the options of a freshly accepted client socket: keepalive as configured, and no delay for
 /// small packets. A refused keepalive option costs a warning, not the connection.
 /// @throws Json::LogicError when a configured value has the wrong type
-void setClientSocketPolicy(int client, const JsonConfig& settings);
+void setClientSocketOptions(int client, const JsonConfig& settings);
 
 } // namespace Vorl

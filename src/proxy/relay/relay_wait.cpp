@@ -1,4 +1,4 @@
-#include "proxy/traffic_wait.h"
+#include "proxy/relay/relay_wait.h"
 
 #include <cerrno>
 #include <chrono>

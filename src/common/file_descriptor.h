@@ -7,21 +7,21 @@
 namespace Vorl {
 
 /// The one owner of a file descriptor: closes it when it goes. A negative number owns nothing.
-class Descriptor {
+class FileDescriptor {
 public:
-    Descriptor() = default;
-    explicit Descriptor(int owned) : fd(owned) {}
-    Descriptor(Descriptor&& other) noexcept : fd(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
+    FileDescriptor() = default;
+    explicit FileDescriptor(int owned) : fd(owned) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : fd(other.release()) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         if (this != &other) {
             reset();
             fd = other.release();
         }
         return *this;
     }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { reset(); }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() { reset(); }
 
     [[nodiscard]] int get() const { return fd; }
     [[nodiscard]] explicit operator bool() const { return fd >= 0; }

@@ -1,4 +1,4 @@
-#include "proxy/relay_step.h"
+#include "proxy/relay/relay_step.h"
 
 #include "common/call_failure.h"
 #include "common/readiness.h"

@@ -1,4 +1,4 @@
-#include "proxy/relay_buffers.h"
+#include "proxy/relay/relay_buffers.h"
 
 #include <linux/socket.h>
 #include <sys/socket.h>
