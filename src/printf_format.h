@@ -6,15 +6,15 @@
 
 namespace Vorl {
 
-/// A printf format whose conversions were compared with the types of its arguments by the compiler.
+/// A printf format that the compiler has checked against the types of its arguments.
 ///
-/// The compiler's own check ends where a format passes through a template, so a std::string for
-/// "%s" would print garbage at run time. Built from a literal only; a conversion that does not fit
-/// its argument, or a count that differs, does not compile. Knows what the daemon's messages use:
-/// %s (a character pointer), %d, %u (an int-sized integer or enumeration) and %%.
+/// The compiler's own check does not work through a template, so a std::string for "%s" would print
+/// garbage at run time. Can be built from a literal only. A conversion that does not fit its
+/// argument, or a wrong number of arguments, does not compile. Supports what the daemon's messages
+/// use: %s (a character pointer), %d, %u (an int-sized integer or enumeration) and %%.
 template<typename... Args> class PrintfFormat {
 public:
-    // Implicit: a message is written as a plain literal at every call.
+    // Implicit, so that callers can pass a plain literal.
     consteval PrintfFormat(const char* literal) : format(literal) {
         constexpr std::size_t count = sizeof...(Args);
         constexpr bool isText[] = {isCharacterPointer<Args>..., false};
@@ -39,7 +39,7 @@ private:
     template<typename T>
     static constexpr bool isCharacterPointer =
         std::same_as<T, char*> || std::same_as<T, const char*> || std::is_null_pointer_v<T>;
-    // Narrower integers are promoted to int on their way through "...".
+    // Narrower integers are promoted to int when they are passed through "...".
     template<typename T>
     static constexpr bool isIntSized = sizeof(T) <= sizeof(int) &&
                                        (std::is_integral_v<T> || std::is_enum_v<T>);

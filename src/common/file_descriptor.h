@@ -6,7 +6,7 @@
 
 namespace Vorl {
 
-/// The one owner of a file descriptor: closes it when it goes. A negative number owns nothing.
+/// Owns a file descriptor and closes it on destruction. A negative number means that it owns none.
 class FileDescriptor {
 public:
     FileDescriptor() = default;
@@ -26,9 +26,9 @@ public:
     [[nodiscard]] int get() const { return fd; }
     [[nodiscard]] explicit operator bool() const { return fd >= 0; }
 
-    /// Gives the descriptor up without closing it.
+    /// Returns the descriptor and gives up its ownership.
     int release() { return std::exchange(fd, -1); }
-    /// Closes it now.
+    /// Closes the descriptor now.
     void reset() {
         if (fd >= 0)
             close(release());

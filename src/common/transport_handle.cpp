@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto terminationGrace = 3s;
 
-/// Looks at a child without reaping it.
+/// Checks a child without reaping it.
 bool hasEnded(int pid) {
     siginfo_t info{};
     return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) < 0 ||
@@ -31,7 +31,7 @@ bool waitForEnd(const TransportHandle& transport, std::chrono::milliseconds limi
     if (status.wait_for(0ms) != std::future_status::deferred)
         return status.wait_for(limit) == std::future_status::ready;
 
-    // There was no thread for the waiter: the child is reaped when the future's value is taken.
+    // No thread could be created to wait for the child: get() of the future reaps it.
     const auto deadline = Clock::now() + limit;
     while (!hasEnded(pid)) {
         if (Clock::now() >= deadline)

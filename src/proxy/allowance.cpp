@@ -29,7 +29,7 @@ void ProxyConnection::signalProxyAllowConnection(const std::uint32_t& sessionId,
         listenCancel = false;
         launchAcceptance(sessionId, second);
     } catch (const std::exception& failure) {
-        // A configuration value of the wrong type, or no thread to be had: costs this allowance.
+        // A configuration value of the wrong type, or no new thread: this allowance is lost.
         Syslog::error("%s: exception: %s, session id: %u", "signalProxyAllowConnection",
                       failure.what(), sessionId);
     }
@@ -54,7 +54,7 @@ bool ProxyConnection::runAcceptance(std::uint32_t sessionId, std::uint32_t secon
         listeningSessionId = 0;
         return result;
     } catch (const std::exception& failure) {
-        // The listening session stays as it is: a disconnect of that session still cancels.
+        // Deliberately keeps the listening session: a disconnect of that session still cancels.
         Syslog::error("%s: exception: %s, session id: %u", "actionCreateTransport", failure.what(),
                       sessionId);
         throw;

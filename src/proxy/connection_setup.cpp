@@ -98,7 +98,7 @@ bool ProxyConnection::waitForClient(int listeningFd, std::uint32_t sessionId) co
                 logFailure("transport stopped, timeout", sessionId);
                 return false;
             }
-            // The pause between two looks at the flags; a client ends it early.
+            // A pause between two checks of the flags; a client ends it early.
             (void)Utils::hasInput(listeningFd, clientPauseMilliseconds);
         }
     } catch (const std::exception& failure) {

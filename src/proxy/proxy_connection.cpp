@@ -13,7 +13,7 @@ namespace Vorl {
 
 namespace {
 
-/// How long a stop waits for the answer to a bus call before it ends the bus connection.
+/// How long a stop waits for the answer to a bus call before it shuts the bus connection down.
 constexpr std::chrono::seconds answerGrace{2};
 
 } // namespace
@@ -29,10 +29,10 @@ ProxyConnection::ProxyConnection(DBus::Connection& connection, const std::string
 ProxyConnection::~ProxyConnection() {
     proxyRunning = false;
     listenCancel = true;
-    // Inside a bus call the acceptance task sees neither flag, and an answer may take 25 seconds.
+    // During a bus call the acceptance task checks neither flag, and an answer may take 25 seconds.
     if (listener.valid())
         listener.wait_for(answerGrace);
-    // So may each call by which the bus library takes its match rules back.
+    // So may each call with which the bus library removes its match rules.
     proxyDispatcher.hangUp();
     if (listener.valid())
         listener.wait();

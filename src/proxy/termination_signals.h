@@ -4,7 +4,7 @@ namespace Vorl {
 
 /// Until the daemon has started, SIGTERM and in the foreground SIGINT end the process at once, with
 /// status 0: the bus may never answer, and there is nothing to clean up yet. In the background
-/// SIGINT is ignored: a key in the terminal that started the daemon is not meant for it.
+/// SIGINT is ignored: Ctrl-C in the terminal that started the daemon is not meant for it.
 void exitOnTerminationSignals(bool background);
 
 /// From now on the same signals clear proxyRunning. Main thread, once proxyRunning has been set:

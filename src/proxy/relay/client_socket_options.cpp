@@ -15,13 +15,13 @@ namespace {
 
 constexpr const char* task = "actionCreateTransport";
 
-/// @param label the option's name in the log, which is not always the constant's
+/// @param label the option's name in the log; may differ from the constant's name
 void setSocketOption(int fd, int level, int option, int value, const char* label) {
     const int result = setsockopt(fd, level, option, &value, sizeof value);
     if (result == 0) {
         Syslog::info("%s: socket set policy: %s = %u", task, label, value);
     } else {
-        // The code is the call's own -1, not errno: readers of the journal know the line so.
+        // Deliberately logs the call's result, -1, not errno: log parsers expect it.
         Syslog::warning("%s: socket %s failed, error: %s, code: %d", task, label, strerror(errno),
                         result);
     }
@@ -39,8 +39,9 @@ void setClientSocketOptions(int client, const JsonConfig& settings) {
         setSocketOption(client, IPPROTO_TCP, TCP_KEEPINTVL,
                         settings.getInteger("tcp:keepalive:interval", 2), "SO_KEEPINTVL");
     }
-    // A frame must not wait for the acknowledgement of the one before: on a link of 20 ms that
-    // would cost a typing user 14 ms a frame. Without it the connection is slower and no worse.
+    // A frame must not wait for the acknowledgement of the previous one: on a link with a round
+    // trip of 20 ms that would delay a typing user's frames by 14 ms. Errors are ignored: the
+    // connection is only slower then.
     const int enable = 1;
     (void)setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &enable, sizeof enable);
 }

@@ -17,7 +17,7 @@ struct statx look(const std::string& path) {
     return found;
 }
 
-/// The inode's number may be given again as soon as the file is gone; the time of birth differs.
+/// An inode number can be reused as soon as its file is removed; the creation time differs then.
 auto identity(const struct statx& file) {
     return std::tuple(file.stx_dev_major, file.stx_dev_minor, file.stx_ino, file.stx_btime.tv_sec,
                       file.stx_btime.tv_nsec);

@@ -6,15 +6,16 @@
 
 namespace Vorl {
 
-/// A file that was made for one relay job, and goes with it.
+/// A file that belongs to one relay job and is removed with it.
 ///
-/// Names come again while their first owner lives: the next connection to a session may get the
-/// same ordinal. What stands there then belongs to it, and is left alone.
+/// A name can be reused while the first job still exists: the next connection to a session may get
+/// the same ordinal. The file at the path then belongs to the new job, and remove() leaves it
+/// alone.
 class JobFile {
 public:
-    /// Takes note of the file that stands at the path, if any.
+    /// Remembers which file is at the path now, if any.
     explicit JobFile(std::string path);
-    /// Removes the file, unless another has taken its place. Failures are ignored.
+    /// Removes the file, unless another one has replaced it. Errors are ignored.
     void remove() const;
 
 private:

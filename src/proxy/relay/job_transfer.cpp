@@ -59,7 +59,7 @@ void JobTransfer::relay() {
         if (ready.fromTransport && result >= 0)
             result = jobTransferIter(unixFd, socketFd, buffer, &running);
     }
-    // Once the job is being destroyed, what a step returns is the work of the destructor.
+    // Once the job has been stopped, the result of the last step is only a consequence of that.
     if (!running)
         result = 0;
     Syslog::debug("%s: job stopped, session id: %u, result: %s", "JobTransfer", sessionId,
@@ -68,7 +68,7 @@ void JobTransfer::relay() {
 }
 
 void JobTransfer::dropClient() {
-    // An unconnected socket is to the relay what a closed descriptor is: it has no input, and
+    // To the relay, an unconnected socket behaves like a closed descriptor: it has no input, and
     // sending to it fails.
     const FileDescriptor vacant(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const FileDescriptor client(fcntl(socketFd, F_DUPFD_CLOEXEC, 0));
@@ -76,8 +76,8 @@ void JobTransfer::dropClient() {
         shutdown(socketFd, SHUT_RDWR);
         return;
     }
-    // Releases the relay from a send to this client. Only now: the client's answer would be an end
-    // of stream to a relay that still has it.
+    // Ends a send of the relay that is blocked on this client. Only after dup3: otherwise the relay
+    // could read the end of the client's stream, and end.
     shutdown(client.get(), SHUT_RDWR);
 }
 

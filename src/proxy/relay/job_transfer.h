@@ -14,24 +14,24 @@ namespace Vorl {
 
 /// One live client connection. It owns the client's socket, the connected socket of the shadow
 /// server, the shadow server and the two files made for it, and runs the thread that copies bytes
-/// both ways until either side ends. Lives in one place from construction to destruction.
+/// in both directions until either side closes. Can be neither copied nor moved.
 class JobTransfer {
 public:
     /// Starts relaying at once.
     ///
-    /// @param client the accepted client; taken over
-    /// @param local the connected socket of the shadow server; taken over
+    /// @param client the accepted client; takes ownership
+    /// @param local the connected socket of the shadow server; takes ownership
     /// @param socketPath the shadow server's socket, removed at the end
     /// @param samPath the shadow server's SAM file, removed at the end
-    /// @param shadowServer the shadow server; taken over
-    /// @throws std::system_error when no thread can be started; nothing has been taken over then
+    /// @param shadowServer the shadow server; takes ownership
+    /// @throws std::system_error when no thread can be started; the caller keeps the ownership then
     JobTransfer(int client, int local, const std::string& socketPath, const std::string& samPath,
                 TransportHandle&& shadowServer, std::uint32_t session);
     JobTransfer(const JobTransfer&) = delete;
     JobTransfer& operator=(const JobTransfer&) = delete;
 
-    /// Ends the relay and the shadow server and removes the files. Takes as long as the shadow
-    /// server does to end, and no longer than the grace of releaseTransport().
+    /// Ends the relay and the shadow server and removes the files. Blocks until the shadow server
+    /// has exited, at most for the grace period of releaseTransport().
     ~JobTransfer();
 
     [[nodiscard]] std::uint32_t session() const { return sessionId; }
@@ -41,13 +41,13 @@ public:
     /// False once the relay is over. Any thread.
     [[nodiscard]] bool isRunning() const { return running; }
 
-    /// Tells relay and shadow server to end, without waiting for either. The destructor does it as
-    /// well: for several jobs, stop all before the first is destroyed, and their graces run at
-    /// once.
+    /// Tells relay and shadow server to end, without waiting for either. The destructor calls it if
+    /// necessary. To end several jobs, stop all of them before the first is destroyed: then their
+    /// grace periods run in parallel.
     void stop();
 
-    /// Ends the client's connection and leaves the relay as it is. The descriptor's number stays
-    /// taken until the job ends: the next client would otherwise get it, and this relay would carry
+    /// Closes the client's connection without ending the relay. The descriptor's number stays in
+    /// use until the job ends: otherwise the next client could get it, and this relay would send
     /// that client's bytes to this session's desktop.
     void dropClient();
 
@@ -57,13 +57,13 @@ private:
     const int socketFd;
     const int unixFd;
     const std::uint32_t sessionId;
-    std::atomic<bool> running = true; // cleared by the relay thread when it ends, and to end it
+    std::atomic<bool> running = true; // cleared by the relay thread when it ends, and by stop()
     std::thread thread;
     const JobFile socketFile;
     const JobFile samFile;
-    std::vector<std::uint8_t> buffer; // both directions; only the relay thread
+    std::vector<std::uint8_t> buffer; // for both directions; relay thread only
     TransportHandle transport;
-    std::chrono::steady_clock::time_point stopTime; // of stop(); the owner's
+    std::chrono::steady_clock::time_point stopTime; // of stop(); owner only
 };
 
 } // namespace Vorl

@@ -7,9 +7,9 @@ namespace Vorl {
 
 namespace {
 
-// The kernel doubles each of these, to account for its own records.
+// The kernel doubles each of these values to allow for its own bookkeeping, see socket(7).
 
-// At most 1 MiB for one step, and 30 MB/s over a round trip of 20 ms.
+// Limits one step to 1 MiB, and an upload to 30 MB/s at a round trip of 20 ms.
 constexpr int uploadBytes = 512 * 1024;
 // A local socket reports room once three quarters are free: more than an upload's step.
 constexpr int transportSendBytes = 768 * 1024;
@@ -28,7 +28,8 @@ void sizeRelayBuffers(int client, int transport) {
     setSize(client, SO_RCVBUFFORCE, SO_RCVBUF, uploadBytes);
     setSize(client, SO_SNDBUFFORCE, SO_SNDBUF, clientSendBytes);
     setSize(transport, SO_SNDBUFFORCE, SO_SNDBUF, transportSendBytes);
-    // The client's send buffer may still grow as a fast and long line asks for it.
+    // Only the receive buffer: the send buffer may still grow for a fast line with a long round
+    // trip.
     const int fixed = SOCK_RCVBUF_LOCK;
     (void)setsockopt(client, SOL_SOCKET, SO_BUF_LOCK, &fixed, sizeof fixed);
 }

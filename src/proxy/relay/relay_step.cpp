@@ -41,7 +41,7 @@ std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8
         return relayException;
     }
 
-    // Asks for no bytes at the end of the stream, and gets none.
+    // At the end of the stream the buffer is empty, and so is what is received.
     const ssize_t received = recv(source, buffer.data(), buffer.size(), 0);
     if (received == 0)
         return relayRecvEndStream;

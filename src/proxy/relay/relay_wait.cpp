@@ -12,14 +12,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A stop of the daemon need not wait for it: there the jobs are destroyed, which wakes their
-// threads. Shorter, a hundred idle connections would cost a noticeable part of a processor.
+// How long a thread may take to notice its flags. A stop of the daemon does not wait for that: it
+// destroys the jobs, which wakes their threads. With a shorter time, a hundred idle connections
+// would use a noticeable part of a processor.
 constexpr int stopNoticeMilliseconds = 1000;
 constexpr auto hangUpPause = 3ms;
 
-/// What to wait for on a socket that is the source of one direction and the destination of the
-/// other. A source whose destination is full would report its bytes at once and for ever: it is
-/// watched for its end alone.
+/// The events to wait for on a socket that is the source of one direction and the destination of
+/// the other. If the destination of a source is full, poll(2) would report the source's bytes again
+/// and again: then only its end is watched for.
 pollfd entryFor(int fd, bool isFull, bool destinationIsFull) {
     const int events = (destinationIsFull ? POLLRDHUP : POLLIN) | (isFull ? POLLOUT : 0);
     return {fd, static_cast<short>(events), 0};
@@ -34,7 +35,7 @@ bool hasTraffic(const pollfd& source) {
 Traffic waitForTraffic(int client, int transport) {
     pollfd room[] = {{client, POLLOUT, 0}, {transport, POLLOUT, 0}};
     (void)poll(room, 2, 0);
-    // Any answer counts as room: a broken destination shows its error in the send.
+    // Any event counts as room: the send to a broken destination reports its error.
     const bool clientIsFull = room[0].revents == 0;
     const bool transportIsFull = room[1].revents == 0;
 
@@ -42,7 +43,7 @@ Traffic waitForTraffic(int client, int transport) {
                         entryFor(transport, transportIsFull, clientIsFull)};
     const int reported = poll(entries, 2, stopNoticeMilliseconds);
     if (reported < 0 && errno != EINTR)
-        return {true, true}; // the steps meet the same failure and report it
+        return {true, true}; // the steps will fail in the same way and report it
     if (reported <= 0)
         return {};
 

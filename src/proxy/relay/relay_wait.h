@@ -2,7 +2,7 @@
 
 namespace Vorl {
 
-/// Which directions of a relay have something to move that the other side can take.
+/// The directions of a relay in which bytes can be moved now.
 struct Traffic {
     bool fromClient = false;
     bool fromTransport = false;
@@ -10,12 +10,13 @@ struct Traffic {
 
 /// Waits for both sockets of a relay at once.
 ///
-/// A direction counts only while its destination can take output: a client that reads slowly holds
-/// up its own picture and not the keystrokes on their way to the desktop. Until then the wait is
-/// for room at the destination, and for the end of the source.
+/// A direction counts only while its destination is writable: a client that reads slowly delays its
+/// own picture, but not its keystrokes. Until then, the wait is for the destination to become
+/// writable, or the source to reach its end.
 ///
-/// @return as soon as there is traffic, and without any after at most a second (for the caller
-///         to look at its flags), when room was found, or when a socket only reports a hang-up
+/// @return the directions with traffic, as soon as there are any. None after at most a second (so
+///         that the caller can check its flags), when a destination has become writable, or when a
+///         socket reports only a hang-up.
 [[nodiscard]] Traffic waitForTraffic(int client, int transport);
 
 } // namespace Vorl

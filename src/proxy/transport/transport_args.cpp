@@ -15,8 +15,8 @@ namespace {
 
 constexpr const char* function = "prepareX11RdpArgs";
 
-/// The entry with the placeholder filled. A value that would bring the placeholder back, by itself
-/// or together with the text around it, is refused: replacing it would never end.
+/// The entry with the placeholder replaced. A value that would create the placeholder again, alone
+/// or together with the text around it, is refused: the replacement would never end.
 std::string fill(const std::string& entry, std::string_view placeholder, const std::string& value) {
     std::string once;
     std::string_view rest = entry;

@@ -8,12 +8,13 @@
 namespace Vorl {
 
 /// The shadow server's arguments, without the program's name: the configured template with its
-/// placeholders filled, then the switches for Kerberos, security and the log level. Writes the SAM
-/// file (readable by this account alone) when the session wants network level authentication.
+/// placeholders replaced, then the switches for Kerberos, security and the log level. Writes the
+/// SAM file (readable for this account only) when the session uses network level authentication
+/// (NLA).
 ///
-/// @param builtIn the program is the one that came with the daemon and knows its own options
-/// @throws vorl_error("prepareX11RdpArgs") after an error line: a value holds its own placeholder,
-///         or the SAM file could not be written whole
+/// @param builtIn the program is the daemon's own shadow server, which knows additional options
+/// @throws vorl_error("prepareX11RdpArgs") after an error line: a value contains its own
+///         placeholder, or the SAM file could not be written completely
 /// @throws Json::LogicError when a value has the wrong type
 [[nodiscard]] std::list<std::string> transportArguments(const JsonConfig& settings,
                                                         const JsonConfig& session,
