@@ -1,6 +1,6 @@
 #include "session/client_sockets.h"
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 #include "session/not_ready.h"
 
 #include <algorithm>
@@ -29,7 +29,7 @@ constexpr unsigned tcpListen = 10;
                    strerror(error));
 }
 
-Descriptor ask(std::uint16_t port) {
+FileDescriptor ask(std::uint16_t port) {
     struct {
         nlmsghdr header;
         inet_diag_req_v2 body;
@@ -42,7 +42,7 @@ Descriptor ask(std::uint16_t port) {
     request.body.idiag_ext = 1U << (INET_DIAG_INFO - 1);
     request.body.idiag_states = 1U << tcpEstablished | 1U << tcpCloseWait | 1U << tcpListen;
     request.body.id.idiag_sport = htons(port);
-    Descriptor diag(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    FileDescriptor diag(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
     if (!diag || send(diag.get(), &request, sizeof(request), 0) < 0)
         failed(errno);
     return diag;
@@ -72,7 +72,7 @@ ClientSocket toClientSocket(const inet_diag_msg& message, std::size_t length) {
 } // namespace
 
 std::vector<ClientSocket> socketsOf(const DaemonAddress& daemon) {
-    const Descriptor diag = ask(daemon.port);
+    const FileDescriptor diag = ask(daemon.port);
     const in_addr_t local = inet_addr(daemon.address.c_str());
     std::vector<ClientSocket> sockets;
     alignas(nlmsghdr) std::array<char, 32768> buffer;

@@ -1,6 +1,6 @@
 #include "session/password_file.h"
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 #include "session/hex.h"
 #include "session/not_ready.h"
 #include "session/replace_file.h"
@@ -32,7 +32,7 @@ std::string readAll(int file) {
 
 // Nothing when there is no such file.
 std::optional<std::string> readPrivate(const std::filesystem::path& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat facts {};
     if (!file && errno == ENOENT)
         return {};
@@ -90,7 +90,7 @@ std::string findCredentials(const std::filesystem::path& file, const std::string
 
 void storeCredentials(const std::filesystem::path& file, const std::string& user,
                       const std::string& line) {
-    const Descriptor directory(
+    const FileDescriptor directory(
         open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory || flock(directory.get(), LOCK_EX) != 0)
         throw std::system_error(errno, std::generic_category(), file.parent_path().string());

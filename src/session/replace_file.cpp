@@ -1,6 +1,6 @@
 #include "session/replace_file.h"
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -14,7 +14,7 @@ namespace Vorl::Session {
 
 void replaceFile(const std::filesystem::path& path, const std::string& content, mode_t mode) {
     std::string aside = path.string() + ".XXXXXX";
-    const Descriptor file(mkostemp(aside.data(), O_CLOEXEC)); // mode 0600
+    const FileDescriptor file(mkostemp(aside.data(), O_CLOEXEC)); // mode 0600
     const auto size = static_cast<ssize_t>(content.size());
     if (file && write(file.get(), content.data(), content.size()) == size &&
         fchmod(file.get(), mode) == 0 && fsync(file.get()) == 0 &&

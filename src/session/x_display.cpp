@@ -1,17 +1,18 @@
 #include "session/x_display.h"
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 #include "session/not_ready.h"
 #include "session/replace_file.h"
 
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <memory>
 #include <optional>
-#include <vector>
 
+#include <X11/Xauth.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,12 +24,10 @@ namespace Vorl::Session {
 namespace {
 
 const std::filesystem::path socketDirectory = "/tmp/.X11-unix";
-constexpr std::uint16_t familyWild = 65535; // X11/Xauth.h: any host
-constexpr std::size_t mostAuthority = 65536;
 
 // Nothing when nobody listens there.
 std::optional<ucred> ownerOf(int display) {
-    const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const FileDescriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un peer{AF_UNIX, {}};
     (socketDirectory / ("X" + std::to_string(display)))
         .string()
@@ -80,74 +79,43 @@ std::string authorityArgument(pid_t pid) {
     return {};
 }
 
-std::string readAuthority(const XDisplay& display, const LoginSession& session) {
+struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, Close>;
+
+File openAuthority(const XDisplay& display, const LoginSession& session) {
     // Without waiting for a writer, should it be a pipe.
-    const Descriptor file(
-        open(display.authority.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    const int fd = open(display.authority.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+    File file(fd < 0 ? nullptr : fdopen(fd, "r"));
     const std::string what = "the X authority file " + display.authority.string();
     struct stat facts {};
-    if (!file || fstat(file.get(), &facts) != 0)
+    if (!file || fstat(fd, &facts) != 0)
         throw NotReady(what + " cannot be read: " + strerror(errno));
     // A user's X server could name any file here, which we may read and its user may not.
     if (!S_ISREG(facts.st_mode) ||
         (facts.st_uid != session.uid && facts.st_uid != display.serverUid))
         throw NotReady(what + " is not one of " + nameOf(session));
-    std::string content(mostAuthority, '\0');
-    const ssize_t size = read(file.get(), content.data(), content.size());
-    content.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
-    return content;
+    return file;
 }
 
-// The fields of an authority file, each two bytes of length, the higher first, and its bytes.
-class Fields {
-public:
-    explicit Fields(std::string_view content) : rest(content) {}
-
-    std::optional<std::uint16_t> takeNumber() {
-        if (rest.size() < 2)
-            return {};
-        const auto high = static_cast<unsigned char>(rest[0]);
-        const auto low = static_cast<unsigned char>(rest[1]);
-        rest.remove_prefix(2);
-        return static_cast<std::uint16_t>(high << 8 | low);
+// All entries as ones of this display on any host: an X server takes every cookie of its file.
+std::string cookiesIn(std::FILE* authority, const std::string& display) {
+    char* text = nullptr;
+    std::size_t size = 0;
+    const File copy(open_memstream(&text, &size));
+    while (Xauth* entry = XauReadAuth(authority)) {
+        Xauth any = *entry;
+        any.family = FamilyWild;
+        any.address_length = 0;
+        any.number = const_cast<char*>(display.c_str()); // only read
+        any.number_length = static_cast<unsigned short>(display.size());
+        XauWriteAuth(copy.get(), &any);
+        XauDisposeAuth(entry);
     }
-    std::optional<std::string> take() {
-        const auto size = takeNumber();
-        if (!size || rest.size() < *size)
-            return {};
-        std::string field(rest.substr(0, *size));
-        rest.remove_prefix(*size);
-        return field;
-    }
-
-private:
-    std::string_view rest;
-};
-
-std::string asNumber(std::size_t value) {
-    return {static_cast<char>(value >> 8), static_cast<char>(value & 0xFF)};
-}
-
-std::string asField(const std::string& text) {
-    return asNumber(text.size()) + text;
-}
-
-// Those of the one kind that X servers use, for any host. Whatever number an entry bears: the
-// server takes every cookie of its file.
-std::string cookiesIn(const std::string& content, int display) {
-    Fields fields(content);
-    std::string result;
-    while (fields.takeNumber()) { // the address family
-        const auto address = fields.take();
-        const auto entryDisplay = fields.take();
-        const auto name = fields.take();
-        const auto data = fields.take();
-        if (!address || !entryDisplay || !data)
-            return {};
-        if (*name == "MIT-MAGIC-COOKIE-1")
-            result += asNumber(familyWild) + asField("") + asField(std::to_string(display)) +
-                      asField(*name) + asField(*data);
-    }
+    std::fflush(copy.get());
+    std::string result(text, size);
+    std::free(text);
     return result;
 }
 
@@ -174,7 +142,8 @@ XDisplay findDisplay(const LoginSession& session) {
 
 void copyCookies(const XDisplay& display, const LoginSession& session,
                  const std::filesystem::path& copy) {
-    const std::string cookies = cookiesIn(readAuthority(display, session), display.number);
+    const std::string cookies =
+        cookiesIn(openAuthority(display, session).get(), std::to_string(display.number));
     if (cookies.empty())
         throw NotReady("there is no cookie in the X authority file " + display.authority.string());
     replaceFile(copy, cookies, 0640);

@@ -24,8 +24,8 @@ struct XDisplay {
 /// Copies the cookies of the display's authority file to a file that the daemon's account can read,
 /// which is this process's group (mode 0640). The copy holds for any host name. Replaced whole.
 ///
-/// @throws NotReady when the file is missing, is no authority file (format: Xauth(7), libXau's
-///         XauReadAuth), or could not have been made by the X server's account
+/// @throws NotReady when the file is missing, has no cookie, or is neither the session's user's
+///         nor the X server's
 void copyCookies(const XDisplay& display, const LoginSession& session,
                  const std::filesystem::path& copy);
 
