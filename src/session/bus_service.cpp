@@ -97,7 +97,10 @@ struct BusMethods {
     }
 
     static int daemonGone(sd_bus_track*, void* service) {
-        static_cast<BusService*>(service)->handlers.daemonGone();
+        auto& self = *static_cast<BusService*>(service);
+        // An empty one would be called for ever.
+        self.daemon = sd_bus_track_unref(self.daemon);
+        self.handlers.daemonGone();
         return 0;
     }
 
@@ -154,7 +157,6 @@ BusService::BusService(sd_event* loop, BusHandlers busHandlers) : handlers(std::
     require(sd_bus_attach_event(bus, loop, SD_EVENT_PRIORITY_NORMAL), "the event loop");
     // A lost bus ends the event loop; systemd starts the service again.
     sd_bus_set_exit_on_disconnect(bus, 1);
-    require(sd_bus_track_new(bus, &daemon, BusMethods::daemonGone, this), "sd_bus_track_new");
     exportObjects();
     watchScreenLocks();
     // The name last: the daemon may call at once.
@@ -195,6 +197,8 @@ void BusService::require(int result, const char* what) const {
 }
 
 void BusService::follow(sd_bus_message* fromDaemon) {
+    if (daemon == nullptr)
+        require(sd_bus_track_new(bus, &daemon, BusMethods::daemonGone, this), "sd_bus_track_new");
     sd_bus_track_add_sender(daemon, fromDaemon);
 }
 

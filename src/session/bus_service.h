@@ -60,7 +60,7 @@ private:
 
     BusHandlers handlers;
     sd_bus* bus = nullptr;
-    sd_bus_track* daemon = nullptr;
+    sd_bus_track* daemon = nullptr; ///< none before its first call
 };
 
 } // namespace Vorl::Session

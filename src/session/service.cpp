@@ -133,7 +133,7 @@ void Service::watch() {
                 },
                 this),
             "sd_event_add_post");
-    require(sd_login_monitor_new(nullptr, &logins), "logind's sessions cannot be watched");
+    require(sd_login_monitor_new("session", &logins), "logind's sessions cannot be watched");
     require(sd_event_add_io(
                 loop, nullptr, sd_login_monitor_get_fd(logins), EPOLLIN,
                 [](sd_event_source*, int, std::uint32_t, void* service) {
@@ -393,7 +393,8 @@ int Service::relayEnded(sd_event_source* source, int, std::uint32_t, void* servi
     return 0;
 }
 
-std::string Service::status() const {
+std::string Service::status() {
+    look(); // what has just been mended is not complained about
     Json::Value value;
     if (desktop) {
         value["session"] = desktop->session.id;

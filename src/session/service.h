@@ -55,7 +55,7 @@ private:
     void relayStarted(std::uint32_t number, std::uint32_t pid);
     void followRelay(std::uint32_t number, pid_t pid);
     static int relayEnded(sd_event_source* source, int fd, std::uint32_t events, void* service);
-    std::string status() const;
+    std::string status();
     std::string makeTicket(const std::string& user);
 
     const std::filesystem::path configurationFile;

@@ -103,7 +103,7 @@ File openAuthority(const XDisplay& display, const LoginSession& session) {
 std::string cookiesIn(std::FILE* authority, const std::string& display) {
     char* text = nullptr;
     std::size_t size = 0;
-    const File copy(open_memstream(&text, &size));
+    File copy(open_memstream(&text, &size));
     while (Xauth* entry = XauReadAuth(authority)) {
         Xauth any = *entry;
         any.family = FamilyWild;
@@ -113,7 +113,7 @@ std::string cookiesIn(std::FILE* authority, const std::string& display) {
         XauWriteAuth(copy.get(), &any);
         XauDisposeAuth(entry);
     }
-    std::fflush(copy.get());
+    copy.reset(); // the text is the stream's until then
     std::string result(text, size);
     std::free(text);
     return result;
