@@ -11,7 +11,7 @@ allow_client() {
 }
 
 # client_line PASSWORD SECURITY: the command line, without what makes the picture full size.
-client_line() { echo "xfreerdp /v:127.0.0.1:$port /u:$user /p:$1 /sec:$2 /cert:ignore"; }
+client_line() { echo "$rdp_client /v:127.0.0.1:$port /u:$user /p:$1 /sec:$2 /cert:ignore"; }
 
 # start_client PASSWORD SECURITY: the process "client"; returns when the daemon has accepted it.
 start_client() {
