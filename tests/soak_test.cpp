@@ -1,9 +1,11 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
+
+#include <cstdlib>
 
 namespace VorlTest {
 
 // Too long for every day: scripts/soak runs them.
-class Soak : public Stage {
+class Soak : public DaemonTest {
 protected:
     // Resident memory in kilobytes.
     long memory() const {
@@ -21,9 +23,10 @@ protected:
             if (i != connections / 10 && i != connections)
                 continue;
             ASSERT_TRUE(eventually([&] { return daemon.children().empty(); }));
-            std::cout << i << " connections: " << daemon.holdings() << ", kB: " << memory() << '\n';
+            std::cout << i << " connections: " << daemon.resources() << ", kB: " << memory()
+                      << '\n';
             if (before.empty()) {
-                before = daemon.holdings();
+                before = daemon.resources();
                 memoryBefore = memory();
             }
         }
@@ -43,8 +46,23 @@ TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
     const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-noreset", "-nolisten", "tcp"}, {},
                           makeDirectory());
     describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
-    start(R"("debug:level": "none", "x11rdp:path": "/usr/bin/freerdp-shadow-cli",
-             "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"])");
+    const char* program = std::getenv("VORL_SHADOW_SERVER"); // set by scripts/soak
+    ASSERT_NE(program, nullptr);
+    const std::string path = std::string(R"("x11rdp:path": ")") + program + '"';
+    start(path + R"(, "debug:level": "none", "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"])");
+    expectNoGrowth(1000, [](const FileDescriptor& client) { return echoes(client); });
+    expectNoGrowth(1000, [](const FileDescriptor&) { return true; }); // connects and leaves
+}
+
+TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
+    const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-noreset", "-nolisten", "tcp"}, {},
+                          makeDirectory());
+    describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
+    const char* program = std::getenv("VORL_SHADOW_SERVER"); // set by scripts/soak
+    ASSERT_NE(program, nullptr);
+    start(R"("debug:level": "none", "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"],
+             "x11rdp:path": ")" +
+          std::string(program) + '"');
     expectNoGrowth(100, [](const FileDescriptor& client) {
         // A connection request that asks for TLS, and the start of its confirmation.
         const std::string request("\x03\0\0\x13\x0e\xe0\0\0\0\0\0\x01\0\x08\0\x01\0\0\0", 19);
@@ -69,13 +87,13 @@ TEST_F(Soak, DISABLED_EightBusyRelays) {
         for (const FileDescriptor& client : clients)
             ASSERT_TRUE(echoes(client, frame)) << frames;
         if (frames == 1000) {
-            before = daemon.holdings();
+            before = daemon.resources();
             memoryBefore = memory();
             std::cout << "begins with " << before << ", kB: " << memoryBefore << std::endl;
         }
         std::this_thread::sleep_for(1ms);
     }
-    std::cout << "ends with " << daemon.holdings() << ", kB: " << memory() << std::endl;
+    std::cout << "ends with " << daemon.resources() << ", kB: " << memory() << std::endl;
     EXPECT_TRUE(holds(before));
     EXPECT_LT(memory(), memoryBefore + 2000);
 }
