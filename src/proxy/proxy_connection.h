@@ -22,8 +22,8 @@ namespace Vorl {
 
 struct PendingConnection;
 
-/// The daemon's one central object: the client of the session service, the owner of the
-/// configuration, of the relay jobs and of the one listener that may be active at a time.
+/// The daemon's central object: the bus client of the session service. Owns the configuration, the
+/// relay jobs and the acceptance task.
 class ProxyConnection : public Syslog,
                         public net::qarel::vorl_proxy,
                         public DBus::IntrospectableProxy,
@@ -52,8 +52,7 @@ public:
     /// Ends the session's relay with that shadow server, and cancels a listener for the session.
     void signalSessionDisconnected(const std::uint32_t& sessionId, const std::uint32_t& pid,
                                    const std::string& remoteAddress) override;
-    /// Starts an acceptance task for one client. Drops the allowance if the previous task is still
-    /// running.
+    /// Starts an acceptance task for one client, unless the previous task is still running.
     void signalProxyAllowConnection(const std::uint32_t& sessionId,
                                     const std::uint32_t& second) override;
     void signalProxyListenTimeout(const std::uint32_t& seconds) override;
@@ -86,8 +85,7 @@ private:
 
     // connection_setup.cpp: on the acceptance task's thread
     bool actionCreateTransport(const std::uint32_t& sessionId, const std::uint32_t& second);
-    /// Opens the listener and reports the result to the session service. Empty if it could not be
-    /// opened.
+    /// Reports the result to the session service. Empty if the listener could not be opened.
     FileDescriptor openListener(std::uint32_t sessionId);
     /// @return false when no client connects in time, after a cancel, or when the daemon stops
     bool waitForClient(int listeningFd, std::uint32_t sessionId) const;
