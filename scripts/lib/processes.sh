@@ -1,7 +1,8 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with demo/run
-# The processes that the demo starts, how it waits, and how it ends.
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the trials
+# Processes of a trial: start, stop, wait for a condition. Whoever sources this sets $work, a
+# directory for logs and pictures, and defines fail TEXT, which reports and exits.
 
-declare -A pids=() # by name
+declare -A pids=() # process id by name
 started=()         # names in the order of their start
 needed=()          # names of those that must not end by themselves
 
@@ -16,7 +17,7 @@ start() {
     started+=("$name")
 }
 
-# start_needed NAME COMMAND...: the same for one that the demo cannot do without.
+# start_needed NAME COMMAND...: the same for one that the trial cannot do without.
 start_needed() {
     start "$@"
     needed+=("$1")
@@ -42,43 +43,37 @@ stop() {
     unset "pids[$1]"
 }
 
+# stop_all: the last one started first.
+stop_all() {
+    local index
+    for ((index = ${#started[@]} - 1; index >= 0; --index)); do
+        stop "${started[index]}"
+    done
+}
+
 not() { ! "$@"; }
+
+# While a trial waits. To be defined anew by one that has something to show meanwhile.
+on_wait() { :; }
 
 # wait_until SECONDS COMMAND...: false when the command has not succeeded by then.
 wait_until() {
     local limit=$((SECONDS + $1)) name
     shift
-    until show_events && "$@"; do
+    until on_wait && "$@"; do
         for name in "${needed[@]}"; do
-            running "$name" || fail "the $name has ended by itself"
+            running "$name" || fail "the $name has ended by itself: $(tail -n 3 "$work/$name.log")"
         done
         ((SECONDS < limit)) || return 1
         sleep 0.1
     done
 }
 
-# fail TEXT: the end of the demo, with the last words of everybody who had any.
-fail() {
-    local log
-    say "$1"
-    {
-        for log in "$work"/*.log "$HOME"/.vorl/*.log; do
-            [[ ! -s $log ]] || printf -- '--- %s\n%s\n' "$(basename "$log")" "$(tail -n 40 "$log")"
-        done
-        echo "demo: FAILED at stage '$stage': $1"
-    } >&2
-    exit 1
-}
-
-clean_up() {
-    local index pid
-    trap '' INT TERM
-    for ((index = ${#started[@]} - 1; index >= 0; --index)); do
-        stop "${started[index]}"
+# show_logs LINES FILE...: the last lines of each file that has any.
+show_logs() {
+    local lines=$1 log
+    shift
+    for log; do
+        [[ ! -s $log ]] || printf -- '--- %s\n%s\n' "${log##*/}" "$(tail -n "$lines" "$log")"
     done
-    # A daemon that was killed leaves its shadow servers; the path of the socket is ours alone.
-    while IFS=/ read -r _ _ pid _; do
-        kill -KILL "$pid" 2>/dev/null || true
-    done < <(grep -lsa "ipc[-]socket:$work/" /proc/[0-9]*/cmdline)
-    rm -rf "$work"
 }
