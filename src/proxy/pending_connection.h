@@ -11,7 +11,7 @@ namespace Vorl {
 /// An accepted client that has no relay job yet. Lives on the acceptance task's stack.
 struct PendingConnection {
     std::uint32_t sessionId;
-    std::uint64_t ordinal;     ///< tells the files of several connections to one session apart
+    std::uint64_t ordinal;     ///< distinguishes the files of several connections to one session
     std::string socketPath;    ///< the shadow server's socket
     std::string samPath;       ///< the shadow server's SAM file
     std::string remoteAddress; ///< the client's, as dotted quad

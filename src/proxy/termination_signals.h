@@ -8,7 +8,7 @@ namespace Vorl {
 void exitOnTerminationSignals(bool background);
 
 /// From now on the same signals clear proxyRunning. Main thread, once proxyRunning has been set:
-/// that store would overwrite what a handler did before it.
+/// setting it would undo what an earlier signal did.
 void stopOnTerminationSignals();
 
 } // namespace Vorl

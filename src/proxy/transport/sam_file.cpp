@@ -16,7 +16,7 @@ bool writeSamFile(const std::string& path, const std::string& line) {
     if (!file)
         return false;
     const std::string text = line + '\n';
-    errno = ENOSPC; // a write that is cut short does not set it
+    errno = ENOSPC; // a partial write does not set it
     if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         logCallFailed(function, "write");
         unlink(path.c_str());
