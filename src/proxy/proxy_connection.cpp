@@ -27,7 +27,7 @@ ProxyConnection::ProxyConnection(DBus::Connection& connection, const std::string
 }
 
 ProxyConnection::~ProxyConnection() {
-    proxyRunning = false;
+    requestStop();
     listenCancel = true;
     // During a bus call the acceptance task checks neither flag, and an answer may take 25 seconds.
     if (listener.valid())
@@ -58,7 +58,7 @@ void ProxyConnection::signalProxyListenTimeout(const std::uint32_t& seconds) {
 
 void ProxyConnection::signalVorlStopped() {
     Syslog::notice("%s, pid: %d", "signalVorlStopped", getpid());
-    proxyRunning = false;
+    requestStop();
 }
 
 void ProxyConnection::signalSessionDisconnected(const std::uint32_t& sessionId,
