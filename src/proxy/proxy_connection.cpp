@@ -14,7 +14,7 @@ namespace Vorl {
 namespace {
 
 /// How long a stop waits for the answer to a bus call before it shuts the bus connection down.
-constexpr std::chrono::seconds answerGrace{2};
+constexpr std::chrono::seconds answerGrace{5};
 
 } // namespace
 
@@ -30,12 +30,14 @@ ProxyConnection::~ProxyConnection() {
     requestStop();
     listenCancel = true;
     // During a bus call the acceptance task checks neither flag, and an answer may take 25 seconds.
-    if (listener.valid())
-        listener.wait_for(answerGrace);
-    // So may each call with which the bus library removes its match rules.
-    proxyDispatcher.hangUp();
-    if (listener.valid())
+    if (listener.valid() && listener.wait_for(answerGrace) != std::future_status::ready) {
+        proxyDispatcher.hangUp();
         listener.wait();
+    }
+    // While the daemon is seen on the bus, its shadow servers may live; afterwards none does.
+    jobs.clear();
+    // Each call with which the bus library removes its match rules may take 25 seconds as well.
+    proxyDispatcher.hangUp();
 }
 
 bool ProxyConnection::reloadConfigWatcher() {
