@@ -17,10 +17,6 @@ void stopAll(std::list<JobTransfer>& jobs) {
 
 } // namespace
 
-JobList::~JobList() {
-    stopAll(jobs);
-}
-
 void JobList::add(FileDescriptor& client, FileDescriptor& local, const std::string& socketPath,
                   const std::string& samPath, TransportHandle& transport, std::uint32_t session,
                   const std::function<void(const JobTransfer&)>& confirm) {
@@ -66,6 +62,12 @@ std::optional<std::size_t> JobList::sweep() {
         Syslog::debug("%s: remove job, session id: %u", "PeriodicTask", job.session());
     stopAll(ended);
     return jobs.size();
+}
+
+void JobList::clear() {
+    const std::scoped_lock lock(mutex);
+    stopAll(jobs);
+    jobs.clear();
 }
 
 void JobList::removeDisconnected() {

@@ -23,8 +23,7 @@ public:
     JobList() = default;
     JobList(const JobList&) = delete;
     JobList& operator=(const JobList&) = delete;
-    /// Ends all jobs; their grace periods run in parallel.
-    ~JobList();
+    ~JobList() { clear(); }
 
     /// Starts a job and calls `confirm`, with the list locked. If `confirm` throws, the job stays
     /// in the list, its client is disconnected, and the exception is rethrown.
@@ -46,6 +45,9 @@ public:
     /// the lock.
     /// @return the number of jobs left; std::nullopt when the list is in use: try again later
     std::optional<std::size_t> sweep();
+
+    /// Ends all jobs; their graces run at the same time. Waits for the lock.
+    void clear();
 
 private:
     using Disconnect = std::pair<std::uint32_t, std::uint32_t>; // session, shadow server's pid

@@ -53,6 +53,7 @@ public:
 
 private:
     void relay();
+    void shutDownSockets() const;
 
     const int socketFd;
     const int unixFd;
@@ -61,7 +62,7 @@ private:
     std::thread thread;
     const JobFile socketFile;
     const JobFile samFile;
-    std::vector<std::uint8_t> buffer; // for both directions; relay thread only
+    std::vector<std::uint8_t> buffer; // of streamTransferIter(), both directions; relay thread only
     TransportHandle transport;
     std::chrono::steady_clock::time_point stopTime; // of stop(); owner only
 };
