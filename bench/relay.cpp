@@ -1,6 +1,6 @@
 // The daemon's relay without the daemon: a listener that takes any number of clients at any time,
-// gives each socket the daemon's policy and each connection a JobTransfer, and sweeps ended jobs as
-// the daemon does. SIGUSR1 ends all jobs, as a disconnect by the session service would.
+// gives each socket the daemon's options and each connection a JobTransfer, and sweeps ended jobs
+// as the daemon does.
 
 #include "common/descriptor.h"
 #include "common/json_config.h"
@@ -9,14 +9,12 @@
 #include "proxy/globals.h"
 #include "proxy/job_transfer.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <list>
 
 #include <poll.h>
-#include <sys/signalfd.h>
 
 namespace {
 
@@ -30,55 +28,19 @@ Vorl::TransportHandle endedTransport() {
     return {0, status.get_future()};
 }
 
-/// Before the first thread, so that no thread takes the signal in another way.
-Vorl::Descriptor holdSignal(int number) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, number);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return Vorl::Descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
+void startJob(int listening, const std::string& socketPath, std::list<Vorl::JobTransfer>& jobs) {
+    static const Vorl::JsonConfig settings{Json::objectValue}; // every key has its default
+    Vorl::Descriptor client(Vorl::Socket::tcpAccept(listening));
+    if (!client)
+        return;
+    Vorl::setClientSocketPolicy(client.get(), settings);
+    Vorl::Descriptor local(Vorl::Socket::unixConnect(socketPath));
+    if (!local)
+        return;
+    jobs.emplace_back(client.get(), local.get(), "", "", endedTransport(), 0);
+    client.release();
+    local.release();
 }
-
-class Relay {
-public:
-    Relay(int listeningFd, std::string path)
-        : listening(listeningFd), socketPath(std::move(path)) {}
-
-    [[noreturn]] void run() {
-        const Vorl::Descriptor endJobs = holdSignal(SIGUSR1);
-        pollfd entries[] = {{listening, POLLIN, 0}, {endJobs.get(), POLLIN, 0}};
-        for (;;) {
-            (void)poll(entries, 2, sweepMilliseconds);
-            if (entries[0].revents != 0)
-                admit();
-            if (entries[1].revents != 0) {
-                signalfd_siginfo ignored{};
-                (void)!::read(endJobs.get(), &ignored, sizeof ignored);
-                jobs.clear();
-            }
-            jobs.remove_if([](const Vorl::JobTransfer& job) { return !job.isRunning(); });
-        }
-    }
-
-private:
-    void admit() {
-        Vorl::Descriptor client(Vorl::Socket::tcpAccept(listening));
-        if (!client)
-            return;
-        Vorl::setClientSocketPolicy(client.get(), settings);
-        Vorl::Descriptor local(Vorl::Socket::unixConnect(socketPath));
-        if (!local)
-            return;
-        jobs.emplace_back(client.get(), local.get(), "", "", endedTransport(), 0);
-        client.release();
-        local.release();
-    }
-
-    const int listening;
-    const std::string socketPath;
-    const Vorl::JsonConfig settings{Json::objectValue}; // every key has its default
-    std::list<Vorl::JobTransfer> jobs;
-};
 
 } // namespace
 
@@ -94,5 +56,11 @@ int main(int argc, char* argv[]) {
         std::fprintf(stderr, "vorl_bench_relay: port %s is in use\n", argv[1]);
         return EXIT_FAILURE;
     }
-    Relay(listening.get(), argv[2]).run();
+    std::list<Vorl::JobTransfer> jobs;
+    for (;;) {
+        pollfd entry{listening.get(), POLLIN, 0};
+        if (poll(&entry, 1, sweepMilliseconds) > 0)
+            startJob(listening.get(), argv[2], jobs);
+        jobs.remove_if([](const Vorl::JobTransfer& job) { return !job.isRunning(); });
+    }
 }
