@@ -18,6 +18,7 @@ import sys
 OURS, NONE = "vorl_proxy", "none"
 PEERS = ["systemd-socket-proxyd", "haproxy", "nginx"]
 TARGETS = [OURS, *PEERS, NONE]
+UNCOMPARED = {"idle", "memory"}  # the peers' figures are next to nothing
 COMPARE = {"≤": operator.le, "≥": operator.ge}
 
 # An aim is a bound on our own figure, or on the ratio of it to the best peer's.
@@ -98,6 +99,8 @@ def table(figures):
             continue
         medians = {target: statistics.median(values[target]) / row.scale for target in values}
         to_best, to_none = ratio_to_best(row, values), ratio(values[OURS], values[NONE])
+        if row.measure in UNCOMPARED:
+            to_best = None
         cells = [row.label, row.unit, *(number(medians.get(target)) for target in TARGETS),
                  *("–" if value is None else f"{value:.2f}" for value in (to_best, to_none)),
                  *judged(row, medians[OURS], to_best)]

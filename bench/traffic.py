@@ -66,12 +66,12 @@ class Route:
 
 @contextlib.contextmanager
 def beside(work, *arguments):
-    """Has the work done by a child process, until it is over or the context is left."""
+    """Has the work done by a child process until the context is left."""
     child = os.fork()
     if child == 0:
         with contextlib.suppress(ConnectionError):
             work(*arguments)
-        os._exit(0)
+        signal.pause()  # the exit of a process would hold up the last message
     try:
         yield
     finally:
