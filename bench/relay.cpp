@@ -1,18 +1,17 @@
 // The daemon's relay without the daemon: a listener that takes any number of clients at any time,
-// gives each socket the daemon's options and each connection a JobTransfer, and sweeps ended jobs
-// as the daemon does.
+// gives each socket the daemon's options and each connection a job, and sweeps ended jobs as the
+// daemon does.
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 #include "common/json_config.h"
+#include "common/run_state.h"
 #include "common/sockets.h"
-#include "proxy/client_socket.h"
-#include "proxy/globals.h"
-#include "proxy/job_transfer.h"
+#include "proxy/relay/client_socket_options.h"
+#include "proxy/relay/job_list.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <list>
 
 #include <poll.h>
 
@@ -28,18 +27,15 @@ Vorl::TransportHandle endedTransport() {
     return {0, status.get_future()};
 }
 
-void startJob(int listening, const std::string& socketPath, std::list<Vorl::JobTransfer>& jobs) {
-    static const Vorl::JsonConfig settings{Json::objectValue}; // every key has its default
-    Vorl::Descriptor client(Vorl::Socket::tcpAccept(listening));
-    if (!client)
+void startJob(int listening, const std::string& socketPath, Vorl::JobList& jobs) {
+    Vorl::FileDescriptor client(Vorl::Socket::tcpAccept(listening));
+    Vorl::FileDescriptor local(Vorl::Socket::unixConnect(socketPath));
+    if (!client || !local)
         return;
-    Vorl::setClientSocketPolicy(client.get(), settings);
-    Vorl::Descriptor local(Vorl::Socket::unixConnect(socketPath));
-    if (!local)
-        return;
-    jobs.emplace_back(client.get(), local.get(), "", "", endedTransport(), 0);
-    client.release();
-    local.release();
+    const Vorl::JsonConfig settings{Json::objectValue}; // every key has its default
+    Vorl::setClientSocketOptions(client.get(), settings);
+    Vorl::TransportHandle transport = endedTransport();
+    jobs.add(client, local, "", "", transport, 0, [](const Vorl::JobTransfer&) {});
 }
 
 } // namespace
@@ -51,16 +47,16 @@ int main(int argc, char* argv[]) {
     }
     Vorl::proxyRunning = true;
     const auto port = static_cast<std::uint16_t>(std::atoi(argv[1]));
-    const Vorl::Descriptor listening(Vorl::Socket::tcpListen("0.0.0.0", port, backlog));
+    const Vorl::FileDescriptor listening(Vorl::Socket::tcpListen("0.0.0.0", port, backlog));
     if (!listening) {
         std::fprintf(stderr, "vorl_bench_relay: port %s is in use\n", argv[1]);
         return EXIT_FAILURE;
     }
-    std::list<Vorl::JobTransfer> jobs;
+    Vorl::JobList jobs;
     for (;;) {
         pollfd entry{listening.get(), POLLIN, 0};
         if (poll(&entry, 1, sweepMilliseconds) > 0)
             startJob(listening.get(), argv[2], jobs);
-        jobs.remove_if([](const Vorl::JobTransfer& job) { return !job.isRunning(); });
+        (void)jobs.sweep();
     }
 }

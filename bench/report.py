@@ -74,7 +74,7 @@ def ratio(ours, theirs):
 def ratio_to_best(row, figures):
     """To the peer that ours looks worst beside."""
     ratios = [ratio(figures[OURS], figures[peer]) for peer in PEERS]
-    if None in ratios:
+    if None in ratios or row.measure in UNCOMPARED:
         return None
     return (min if row.unit == "MB/s" else max)(ratios)
 
@@ -99,8 +99,6 @@ def table(figures):
             continue
         medians = {target: statistics.median(values[target]) / row.scale for target in values}
         to_best, to_none = ratio_to_best(row, values), ratio(values[OURS], values[NONE])
-        if row.measure in UNCOMPARED:
-            to_best = None
         cells = [row.label, row.unit, *(number(medians.get(target)) for target in TARGETS),
                  *("–" if value is None else f"{value:.2f}" for value in (to_best, to_none)),
                  *judged(row, medians[OURS], to_best)]

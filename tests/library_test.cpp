@@ -48,10 +48,10 @@ TEST_F(Library, ALongSocketPathIsCutAndATextThatIsNoAddressRefused) {
     const std::string path = makeDirectory() / std::string(200, 'x');
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, 107);
-    const Descriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    const FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
     EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     EXPECT_EQ(listen(listener.get(), 1), 0);
-    EXPECT_TRUE(Descriptor(Socket::unixConnect(path)));
+    EXPECT_TRUE(FileDescriptor(Socket::unixConnect(path)));
     EXPECT_TRUE(journal.saw({"unixConnect: unix path is long, truncated to size: 107",
                              "unixConnect: path: " + path.substr(0, 107), "unixConnect: fd: *"}));
     EXPECT_EQ(Socket::tcpListen("localhost", 0, 1), -1); // the kernel would take it for a broadcast
@@ -61,7 +61,7 @@ TEST_F(Library, ALongSocketPathIsCutAndATextThatIsNoAddressRefused) {
 TEST_F(Library, OnlyInputIsReadiness) {
     EXPECT_FALSE(Utils::hasInput(-1, -1));
     EXPECT_EQ(Utils::hasData(-1), 0);
-    const Descriptor unconnected = boundSocket("127.0.0.1", 0);
+    const FileDescriptor unconnected = boundSocket("127.0.0.1", 0);
     EXPECT_FALSE(Utils::hasInput(unconnected.get(), 0)) << "reports a hang-up";
     EXPECT_THROW((void)Utils::hasData(open("/dev/null", O_RDONLY)), vorl_error);
 }
@@ -69,7 +69,7 @@ TEST_F(Library, OnlyInputIsReadiness) {
 TEST_F(Library, AccountsAndGroupsAreLookedUp) {
     const std::filesystem::path directory = makeDirectory();
     std::ofstream(directory / "group") << "staff:x:1234:b,a\n";
-    const Cover groups("/etc/group", directory / "group");
+    const ScopedMount groups("/etc/group", directory / "group");
     EXPECT_EQ(Utils::getGroupMembers("staff"), (std::list<std::string>{"b", "a"}));
     EXPECT_EQ(Utils::getUserInfo("", true), nullptr);
     EXPECT_EQ(Utils::getUserUid("nobody-known") + Utils::getGroupGid("nobody-known"), 0u);
@@ -86,10 +86,10 @@ TEST_F(Library, AccountsAndGroupsAreLookedUp) {
 TEST_F(Library, AnOwnersProgramRunsAndLogsAsTheOwner) {
     if (!hasAllAccounts())
         GTEST_SKIP() << "needs root";
-    const Cover tmp("/tmp");
+    const ScopedMount tmp("/tmp");
     const std::filesystem::path directory = makeDirectory();
     std::ofstream(directory / "passwd") << "bob:x:4711:4712:B:/nowhere:/bin/sh\n";
-    const Cover accounts("/etc/passwd", directory / "passwd");
+    const ScopedMount accounts("/etc/passwd", directory / "passwd");
     EXPECT_TRUE(Utils::runChildProcessWait("/bin/sh", {"-c", "id -u; echo $HOME $X >&2; exit 3"},
                                            {"X=1"}, "bob"));
     EXPECT_EQ(readFile("/tmp/.vorl_bob/sh.log"), "4711\n/nowhere 1\n");

@@ -1,18 +1,18 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <sys/time.h>
 
 namespace VorlTest {
 
-class Life : public Stage {
+class Life : public DaemonTest {
 protected:
-    // Stops the daemon in every way, each time a new one that `prepare` has brought to a stage.
+    // Stops a daemon in every way, each time a new one that `prepare` has brought to a stage.
     template<typename Prepare>
     void expectStop(const std::string& mode, Prepare prepare,
                     const std::vector<std::string>& messages) {
         for (const int number : {SIGTERM, SIGINT, 0}) {
             start(stub(mode));
-            const std::vector<Descriptor> clients = prepare();
+            const std::vector<FileDescriptor> clients = prepare();
             std::istringstream children(daemon.children());
             number == 0 ? service->signalVorlStopped() : daemon.process->signal(number);
             EXPECT_EQ(daemon.process->wait(), 0);
@@ -20,12 +20,12 @@ protected:
                 EXPECT_TRUE(journal.saw({message}));
             for (pid_t pid = 0; children >> pid;)
                 EXPECT_NE(kill(pid, 0), 0) << "a shadow server";
-            for (const Descriptor& client : clients)
+            for (const FileDescriptor& client : clients)
                 EXPECT_TRUE(ends(client));
         }
     }
 
-    // Gives the configuration another modification time in whole seconds each time.
+    // Sets the configuration's modification time to another whole second each time.
     void touch() {
         const timeval times[] = {{++seconds, 0}, {seconds, 0}};
         utimes(daemon.configuration.c_str(), times);
@@ -35,12 +35,12 @@ protected:
 };
 
 TEST_F(Life, StopsAtEveryStage) {
-    std::vector<Descriptor> clients;
-    expectStop("echo", [] { return std::vector<Descriptor>(); }, {});
-    expectStop("echo", [this] { return allow(), std::vector<Descriptor>(); }, {});
+    std::vector<FileDescriptor> clients;
+    expectStop("echo", [] { return std::vector<FileDescriptor>(); }, {});
+    expectStop("echo", [this] { return allow(), std::vector<FileDescriptor>(); }, {});
     EXPECT_EQ(journal.count("actionCreateTransport: exception: *"), 0u);
     const auto launching = [this] {
-        std::vector<Descriptor> waiting;
+        std::vector<FileDescriptor> waiting;
         allow();
         waiting.push_back(connectTo(port));
         EXPECT_TRUE(journal.saw({"asyncWaitPid: added task, *"}));
@@ -49,9 +49,9 @@ TEST_F(Life, StopsAtEveryStage) {
     expectStop("never", launching,
                {"actionCreateTransport: exception: proxy stopped, session id: 7"});
     const auto relaying = [this] {
-        std::vector<Descriptor> open;
-        open.push_back(Stage::open(7));
-        open.push_back(Stage::open(8));
+        std::vector<FileDescriptor> open;
+        open.push_back(DaemonTest::open(7));
+        open.push_back(DaemonTest::open(8));
         return open;
     };
     expectStop("slow", relaying, // by its shadow server's end, a relay ends otherwise

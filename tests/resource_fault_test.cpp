@@ -1,4 +1,4 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <list>
 
@@ -7,23 +7,23 @@
 
 namespace VorlTest {
 
-class ResourceFault : public Stage {
+class ResourceFault : public DaemonTest {
 protected:
     // An allowance that comes to nothing, with that among the messages; its client is let go.
     void expectNothing(const std::string& message, const std::string& before) {
         journal.forget();
         service->signalProxyAllowConnection(7, 3);
-        const Descriptor client = connectTo(port, 1s); // there may be no listener
+        const FileDescriptor client = connectTo(port, 1s); // there may be no listener
         EXPECT_TRUE(journal.saw({message}));
         EXPECT_TRUE(!client || ends(client));
         // But for files, which the next connection overwrites.
-        EXPECT_TRUE(eventually([&] { return daemon.holdings().starts_with(before); }));
+        EXPECT_TRUE(eventually([&] { return daemon.resources().starts_with(before); }));
     }
 };
 
 TEST_F(ResourceFault, WithoutDescriptorsItGoesOnOnceThereAreSome) {
     start();
-    EXPECT_TRUE(echoes(open())); // makes what is made once and kept
+    EXPECT_TRUE(echoes(open())); // so that what is allocated once is there
     EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
     const std::string before = idle();
     rlimit limit{};
@@ -55,7 +55,7 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     std::filesystem::copy(SHADOW_STUB, home / "shadow");
     std::ofstream(home / "passwd")
         << "few:x:" << uid << ":" << uid << "::" << home.string() << ":/bin/sh\n";
-    const Cover accounts("/etc/passwd", home / "passwd");
+    const ScopedMount accounts("/etc/passwd", home / "passwd");
     daemon.arguments.insert(daemon.arguments.end(), {"--user", "few"});
     daemon.workDirectory = home / ".vorl";
     rlimit limit{};
@@ -63,7 +63,7 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     limit.rlim_cur = 12;
     setrlimit(RLIMIT_NPROC, &limit); // inherited by the daemon, whose threads count
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     std::list<Process> others;
     const auto leave = [&](size_t left) {
         while (others.size() > 10 - left)
@@ -115,12 +115,12 @@ TEST_F(ResourceFault, WithoutSpaceNoSamFileIsHandedOver) {
 
 TEST_F(ResourceFault, APortInUseCostsTheAllowanceAndOneDescriptor) {
     start();
-    allow(); // makes what is made once and kept
+    allow(); // so that what is allocated once is there
     service->signalSessionDisconnected(7, 0, "");
     EXPECT_TRUE(journal.saw({"*: exception: session disconnected, *"}));
     const size_t before = daemon.descriptors();
     {
-        const Descriptor other = boundSocket("127.0.0.1", port);
+        const FileDescriptor other = boundSocket("127.0.0.1", port);
         listen(other.get(), 1);
         for (int i = 0; i < 500; ++i)
             allow();
@@ -169,12 +169,12 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
 
 TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
     start(stub("mute"));
-    open(); // makes what is made once and kept
+    open(); // so that what is allocated once is there
     EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
     const std::string before = idle();
     for (int i = 0; i < 20; ++i) {
         allow();
-        Descriptor client = connectTo(port);
+        FileDescriptor client = connectTo(port);
         const std::string noise(static_cast<size_t>(i) * 1000, static_cast<char>(i * 37));
         send(client.get(), noise.data(), noise.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         const linger reset{i % 2, 0};
@@ -187,7 +187,7 @@ TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
 
 TEST_F(ResourceFault, AfterAKillTheNextDaemonWorks) {
     start();
-    const Descriptor client = open();
+    const FileDescriptor client = open();
     const pid_t orphan = static_cast<pid_t>(shadowPid());
     daemon.process->signal(SIGKILL);
     EXPECT_EQ(daemon.process->wait(), 128 + SIGKILL);
