@@ -1,10 +1,10 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <sys/resource.h>
 
 namespace VorlTest {
 
-using Admission = Stage;
+using Admission = DaemonTest;
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 namespace VorlTest {
 
-// The policy that is installed, on a bus that allows otherwise what a system bus does.
+// The policy that we install, on a bus with the defaults of a system bus.
 class BusPolicy : public testing::Test {
 protected:
     using Words = std::vector<std::string>;

@@ -1,10 +1,10 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 namespace VorlTest {
 
-class Failure : public Stage {
+class Failure : public DaemonTest {
 protected:
-    // The daemon lets go of a client and logs this.
+    // The daemon disconnects a client and logs these messages.
     void expectFailure(const std::vector<std::string>& messages) {
         journal.forget();
         allow();
@@ -19,7 +19,7 @@ protected:
 
 TEST_F(Failure, OfTheSessionDescription) {
     start(R"("x11rdp:args": ["/ipc-socket:%{socket}", "%{authfile}%{home}"])");
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     const auto expect = [&](const std::string& json, const std::vector<std::string>& messages) {
         service.reply("vorlSessionInfoJson", json);
         expectFailure(messages);
@@ -68,7 +68,7 @@ TEST_F(Failure, OfAShadowServerThatRefusesLetsTheClientGoAndWaitsForIt) {
 
 TEST_F(Failure, OfACallLeavesNothingOpen) {
     start();
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     service.answer("proxyListenStarted", Answer::Error);
     allow();
     EXPECT_TRUE(journal.saw({toldSo}));

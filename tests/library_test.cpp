@@ -69,7 +69,7 @@ TEST_F(Library, OnlyInputIsReadiness) {
 TEST_F(Library, AccountsAndGroupsAreLookedUp) {
     const std::filesystem::path directory = makeDirectory();
     std::ofstream(directory / "group") << "staff:x:1234:b,a\n";
-    const Cover groups("/etc/group", directory / "group");
+    const ScopedMount groups("/etc/group", directory / "group");
     EXPECT_EQ(Utils::getGroupMembers("staff"), (std::list<std::string>{"b", "a"}));
     EXPECT_EQ(Utils::getUserInfo("", true), nullptr);
     EXPECT_EQ(Utils::getUserUid("nobody-known") + Utils::getGroupGid("nobody-known"), 0u);
@@ -86,10 +86,10 @@ TEST_F(Library, AccountsAndGroupsAreLookedUp) {
 TEST_F(Library, AnOwnersProgramRunsAndLogsAsTheOwner) {
     if (!hasAllAccounts())
         GTEST_SKIP() << "needs root";
-    const Cover tmp("/tmp");
+    const ScopedMount tmp("/tmp");
     const std::filesystem::path directory = makeDirectory();
     std::ofstream(directory / "passwd") << "bob:x:4711:4712:B:/nowhere:/bin/sh\n";
-    const Cover accounts("/etc/passwd", directory / "passwd");
+    const ScopedMount accounts("/etc/passwd", directory / "passwd");
     EXPECT_TRUE(Utils::runChildProcessWait("/bin/sh", {"-c", "id -u; echo $HOME $X >&2; exit 3"},
                                            {"X=1"}, "bob"));
     EXPECT_EQ(readFile("/tmp/.vorl_bob/sh.log"), "4711\n/nowhere 1\n");

@@ -1,12 +1,12 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <sys/time.h>
 
 namespace VorlTest {
 
-class Life : public Stage {
+class Life : public DaemonTest {
 protected:
-    // Stops the daemon in every way, each time a new one that `prepare` has brought to a stage.
+    // Stops a daemon in every way, each time a new one that `prepare` has brought to a stage.
     template<typename Prepare>
     void expectStop(const std::string& mode, Prepare prepare,
                     const std::vector<std::string>& messages) {
@@ -25,7 +25,7 @@ protected:
         }
     }
 
-    // Gives the configuration another modification time in whole seconds each time.
+    // Sets the configuration's modification time to another whole second each time.
     void touch() {
         const timeval times[] = {{++seconds, 0}, {seconds, 0}};
         utimes(daemon.configuration.c_str(), times);
@@ -49,9 +49,9 @@ TEST_F(Life, StopsAtEveryStage) {
     expectStop("never", launching,
                {"actionCreateTransport: exception: proxy stopped, session id: 7"});
     const auto relaying = [this] {
-        std::vector<FileDescriptor> open;
-        open.push_back(Stage::open(7));
-        open.push_back(Stage::open(8));
+        std::vector<Descriptor> open;
+        open.push_back(DaemonTest::open(7));
+        open.push_back(DaemonTest::open(8));
         return open;
     };
     expectStop("slow", relaying, // by its shadow server's end, a relay ends otherwise

@@ -1,16 +1,15 @@
-#include "fixtures/private_machine.h"
+#include "fixtures/sandbox.h"
 
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     if (!GTEST_FLAG_GET(list_tests))
-        VorlTest::enterPrivateMachine();
+        VorlTest::enterSandbox();
     return RUN_ALL_TESTS();
 }
 
-// A call that the tests' session service never answers: libdbus-c++ keeps what it would answer
-// with.
+// libdbus-c++ leaks the pending answer of a call that the tests' session service never answers.
 // NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming): the sanitizer's name
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {

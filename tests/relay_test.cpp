@@ -1,5 +1,4 @@
-#include "common/run_state.h"
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 #include "logger"
 #include "proxy/relay/job_transfer.h"
 #include "proxy/relay/relay_step.h"
@@ -8,7 +7,7 @@
 
 namespace VorlTest {
 
-class Relay : public Stage {
+class Relay : public DaemonTest {
 protected:
     // A session with a stub that behaves so ends with that text after `finish`.
     template<typename Finish>
@@ -81,7 +80,7 @@ TEST(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
 
 TEST_F(Relay, NothingStaysOfTwoHundredConnectionsAndOfEightAtOnce) {
     start();
-    EXPECT_TRUE(echoes(open())); // makes what is made once and kept
+    EXPECT_TRUE(echoes(open())); // so that what is allocated once is there
     EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
     const std::string before = idle();
     for (uint32_t session = 1; session <= 200; ++session)

@@ -1,4 +1,4 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <list>
 
@@ -7,7 +7,7 @@
 
 namespace VorlTest {
 
-class ResourceFault : public Stage {
+class ResourceFault : public DaemonTest {
 protected:
     // An allowance that comes to nothing, with that among the messages; its client is let go.
     void expectNothing(const std::string& message, const std::string& before) {
@@ -17,13 +17,13 @@ protected:
         EXPECT_TRUE(journal.saw({message}));
         EXPECT_TRUE(!client || ends(client));
         // But for files, which the next connection overwrites.
-        EXPECT_TRUE(eventually([&] { return daemon.holdings().starts_with(before); }));
+        EXPECT_TRUE(eventually([&] { return daemon.resources().starts_with(before); }));
     }
 };
 
 TEST_F(ResourceFault, WithoutDescriptorsItGoesOnOnceThereAreSome) {
     start();
-    EXPECT_TRUE(echoes(open())); // makes what is made once and kept
+    EXPECT_TRUE(echoes(open())); // so that what is allocated once is there
     EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
     const std::string before = idle();
     rlimit limit{};
@@ -55,7 +55,7 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     std::filesystem::copy(SHADOW_STUB, home / "shadow");
     std::ofstream(home / "passwd")
         << "few:x:" << uid << ":" << uid << "::" << home.string() << ":/bin/sh\n";
-    const Cover accounts("/etc/passwd", home / "passwd");
+    const ScopedMount accounts("/etc/passwd", home / "passwd");
     daemon.arguments.insert(daemon.arguments.end(), {"--user", "few"});
     daemon.workDirectory = home / ".vorl";
     rlimit limit{};
@@ -63,7 +63,7 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     limit.rlim_cur = 12;
     setrlimit(RLIMIT_NPROC, &limit); // inherited by the daemon, whose threads count
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     std::list<Process> others;
     const auto leave = [&](size_t left) {
         while (others.size() > 10 - left)
@@ -115,7 +115,7 @@ TEST_F(ResourceFault, WithoutSpaceNoSamFileIsHandedOver) {
 
 TEST_F(ResourceFault, APortInUseCostsTheAllowanceAndOneDescriptor) {
     start();
-    allow(); // makes what is made once and kept
+    allow(); // so that what is allocated once is there
     service->signalSessionDisconnected(7, 0, "");
     EXPECT_TRUE(journal.saw({"*: exception: session disconnected, *"}));
     const size_t before = daemon.descriptors();
@@ -169,7 +169,7 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
 
 TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
     start(stub("mute"));
-    open(); // makes what is made once and kept
+    open(); // so that what is allocated once is there
     EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
     const std::string before = idle();
     for (int i = 0; i < 20; ++i) {

@@ -1,8 +1,8 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 namespace VorlTest {
 
-class ServiceFault : public Stage {
+class ServiceFault : public DaemonTest {
 protected:
     // Brings the daemon to a call of that method, which is not answered.
     FileDescriptor reach(const std::string& method, Answer how) {
@@ -88,7 +88,7 @@ TEST_F(ServiceFault, TheServiceMayGoAndComeBack) {
     service.leave();
     service.comeBack();
     EXPECT_TRUE(echoes(client));
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     reach("proxyListenStarted", Answer::Held);
     service.leave();
     service.comeBack();
@@ -99,7 +99,7 @@ TEST_F(ServiceFault, TheServiceMayGoAndComeBack) {
 
 TEST_F(ServiceFault, SignalsThatDoNotFitAreIgnored) {
     start();
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     for (int i = 0; i < 10'000; ++i)
         service.sendText(i % 2 ? "signalProxyAllowConnection" : "signalNobodyKnows", "text");
     service->signalProxyListenTimeout(3);

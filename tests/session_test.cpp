@@ -1,11 +1,11 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <netinet/tcp.h>
 #include <sys/syscall.h>
 
 namespace VorlTest {
 
-class Session : public Stage {
+class Session : public DaemonTest {
 protected:
     // An option of the daemon's socket.
     int option(int fd, int level, int name) {
@@ -38,8 +38,8 @@ TEST_F(Session, GoesFromTheAllowanceToTheRelayAndAway) {
     daemon.environment.push_back("SESSION_USERS=kept");
     start(R"("kerberos:realm": "REALM", "check:domain": true, "transport:shm": true,
              "transport:fps": 0, "tcp:keepalive:retries": 4)");
-    const std::string before = daemon.holdings();
-    FileDescriptor client = open(7, 3);
+    const std::string before = daemon.resources();
+    Descriptor client = open(7, 3);
     EXPECT_TRUE(echoes(client));
     EXPECT_FALSE(connectTo(port, 0ms)) << "a second client";
     const std::string pid = shadow("Pid");
@@ -148,7 +148,7 @@ TEST_F(Session, TheArgumentsComeFromTheTemplateAndTheDescription) {
 }
 
 TEST_F(Session, TheProgramThatCameWithTheDaemonGetsMoreArguments) {
-    const Cover libexec("/usr/libexec");
+    const ScopedMount libexec("/usr/libexec");
     std::filesystem::create_directory("/usr/libexec/vorl");
     std::filesystem::copy(SHADOW_STUB, "/usr/libexec/vorl/any-name");
     const std::string program = R"("x11rdp:path": "/usr/libexec/vorl/any-name", )";
@@ -168,7 +168,7 @@ TEST_F(Session, TheProgramThatCameWithTheDaemonGetsMoreArguments) {
 
 TEST_F(Session, AMissingProgramIsLookedForInTheUsualPlaces) {
     start(R"("x11rdp:path": "/nowhere", "transport:debug": true)");
-    const Cover libexec("/usr/libexec"), bin("/usr/bin"), local("/usr/local/bin");
+    const ScopedMount libexec("/usr/libexec"), bin("/usr/bin"), local("/usr/local/bin");
     std::filesystem::create_directory("/usr/libexec/vorl");
     const std::vector<std::string> places = {"/usr/libexec/vorl/freerdp-shadow-cli",
                                              "/usr/bin/freerdp-shadow-cli",

@@ -1,6 +1,6 @@
-#include "common/run_state.h"
-#include "fixtures/stage.h"
-#include "proxy/relay/job_transfer.h"
+#include "fixtures/daemon_test.h"
+#include "proxy/globals.h"
+#include "proxy/job_transfer.h"
 
 #include <future>
 
@@ -8,7 +8,7 @@
 
 namespace VorlTest {
 
-class ShadowFault : public Stage {
+class ShadowFault : public DaemonTest {
 protected:
     // Waits until what comes in for a client that does not read has come to a stand.
     static void expectFull(const FileDescriptor& client) {
@@ -44,8 +44,8 @@ TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
 
 TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
     start(stub("stubborn"));
-    const std::string before = daemon.holdings();
-    FileDescriptor client = open();
+    const std::string before = daemon.resources();
+    Descriptor client = open();
     client.reset();
     const std::vector<std::string> killed = {
         "JobTransferStopped: kill transport, pid: *",
@@ -65,7 +65,7 @@ TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
 
 TEST_F(ShadowFault, OneThatEndsByItselfIsNotSignalled) {
     start(stub("exit"));
-    const std::string before = daemon.holdings();
+    const std::string before = daemon.resources();
     allow();
     EXPECT_TRUE(ends(connectTo(port)));
     EXPECT_TRUE(journal.saw({"actionCreateTransport: child ended, pid: *, exit code: 3"}));

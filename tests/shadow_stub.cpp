@@ -1,6 +1,6 @@
-// Stands in for the shadow server: makes the socket of "/ipc-socket:PATH" and, for a special
-// behaviour, looks for "stub:MODE" among its arguments. Says what it was started with on standard
-// output, a "name:\tvalue" a line, up to "ready".
+// A stand-in for the shadow server: listens on the socket of "/ipc-socket:PATH" and behaves as the
+// argument "stub:MODE" says. Prints what it was started with on standard output, one "name:\tvalue"
+// a line, and then "ready".
 
 #include <csignal>
 #include <cstring>
@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr unsigned patience = 600; // seconds; no stub outlives its test for long
+constexpr unsigned patience = 600; // seconds until a stub ends by itself
 
 std::string joined(char** texts) {
     std::string result;

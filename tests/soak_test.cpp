@@ -1,9 +1,9 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 namespace VorlTest {
 
 // Too long for every day: scripts/soak runs them.
-class Soak : public Stage {
+class Soak : public DaemonTest {
 protected:
     // Resident memory in kilobytes.
     long memory() const {
@@ -21,9 +21,10 @@ protected:
             if (i != connections / 10 && i != connections)
                 continue;
             ASSERT_TRUE(eventually([&] { return daemon.children().empty(); }));
-            std::cout << i << " connections: " << daemon.holdings() << ", kB: " << memory() << '\n';
+            std::cout << i << " connections: " << daemon.resources() << ", kB: " << memory()
+                      << '\n';
             if (before.empty()) {
-                before = daemon.holdings();
+                before = daemon.resources();
                 memoryBefore = memory();
             }
         }
@@ -69,13 +70,13 @@ TEST_F(Soak, DISABLED_EightBusyRelays) {
         for (const FileDescriptor& client : clients)
             ASSERT_TRUE(echoes(client, frame)) << frames;
         if (frames == 1000) {
-            before = daemon.holdings();
+            before = daemon.resources();
             memoryBefore = memory();
             std::cout << "begins with " << before << ", kB: " << memoryBefore << std::endl;
         }
         std::this_thread::sleep_for(1ms);
     }
-    std::cout << "ends with " << daemon.holdings() << ", kB: " << memory() << std::endl;
+    std::cout << "ends with " << daemon.resources() << ", kB: " << memory() << std::endl;
     EXPECT_TRUE(holds(before));
     EXPECT_LT(memory(), memoryBefore + 2000);
 }

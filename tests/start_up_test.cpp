@@ -1,10 +1,10 @@
-#include "fixtures/stage.h"
+#include "fixtures/daemon_test.h"
 
 #include <sys/stat.h>
 
 namespace VorlTest {
 
-class StartUp : public Stage {
+class StartUp : public DaemonTest {
 protected:
     // Starts a daemon that ends by itself with that status after these messages.
     void expectEnd(const std::vector<std::string>& messages, int status = 0) {
@@ -66,7 +66,8 @@ TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
     std::ofstream(home / "passwd")
         << "root:x:0:0::/root:/bin/sh\nvorl:x:4711:4712:G:" << home.string() << ":/bin/vorlsh\n";
     std::ofstream(home / "group") << "primary:x:4712:\nextra:x:4713:vorl\n";
-    const Cover accounts("/etc/passwd", home / "passwd"), groups("/etc/group", home / "group");
+    const ScopedMount accounts("/etc/passwd", home / "passwd"),
+        groups("/etc/group", home / "group");
     daemon.arguments = {"--config", "proxy.json", "--user", "vorl"}; // relative to where it starts
     daemon.workDirectory = home / ".vorl";
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
@@ -121,7 +122,7 @@ TEST_F(StartUp, NeedsAHomeAndTakesTmpWithoutOne) {
     expectEnd({"exception: what: `*', path1: `" + loop +
                "', path2:`', code value: 40, code message: `*', category name: `*'"});
     std::filesystem::copy(VORL_PROXY, daemon.program = "/run/vorl_proxy");
-    const Cover tmp("/tmp"); // which may hide the build, and a sanitizer's options
+    const ScopedMount tmp("/tmp"); // which may hide the build, and a sanitizer's options
     daemon.environment = {daemon.environment[1]};
     service.reply("vorlTest", "");
     expectEnd({"start: check service: failed"});
@@ -139,7 +140,7 @@ TEST_F(StartUp, NeedsAServiceAndABus) {
     expectEnd({"dbus error: *"});
     bus.daemon.signal(SIGKILL);
     EXPECT_TRUE(bus.daemon.wait());
-    expectEnd({}, 128 + SIGABRT); // by intent: nothing to report to
+    expectEnd({}, 128 + SIGABRT); // deliberately: nobody is left to report to
     daemon.process.reset();
 }
 
