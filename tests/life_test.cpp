@@ -49,7 +49,7 @@ TEST_F(Life, StopsAtEveryStage) {
     expectStop("never", launching,
                {"actionCreateTransport: exception: proxy stopped, session id: 7"});
     const auto relaying = [this] {
-        std::vector<Descriptor> open;
+        std::vector<FileDescriptor> open;
         open.push_back(DaemonTest::open(7));
         open.push_back(DaemonTest::open(8));
         return open;

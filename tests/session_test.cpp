@@ -39,7 +39,7 @@ TEST_F(Session, GoesFromTheAllowanceToTheRelayAndAway) {
     start(R"("kerberos:realm": "REALM", "check:domain": true, "transport:shm": true,
              "transport:fps": 0, "tcp:keepalive:retries": 4)");
     const std::string before = daemon.resources();
-    Descriptor client = open(7, 3);
+    FileDescriptor client = open(7, 3);
     EXPECT_TRUE(echoes(client));
     EXPECT_FALSE(connectTo(port, 0ms)) << "a second client";
     const std::string pid = shadow("Pid");

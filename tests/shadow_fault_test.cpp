@@ -1,6 +1,6 @@
+#include "common/run_state.h"
 #include "fixtures/daemon_test.h"
-#include "proxy/globals.h"
-#include "proxy/job_transfer.h"
+#include "proxy/relay/job_transfer.h"
 
 #include <future>
 
@@ -45,7 +45,7 @@ TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
 TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
     start(stub("stubborn"));
     const std::string before = daemon.resources();
-    Descriptor client = open();
+    FileDescriptor client = open();
     client.reset();
     const std::vector<std::string> killed = {
         "JobTransferStopped: kill transport, pid: *",
