@@ -1,3 +1,4 @@
+#include "common/run_state.h"
 #include "fixtures/daemon_test.h"
 #include "logger"
 #include "proxy/relay/job_transfer.h"

@@ -112,11 +112,13 @@ bool ProxyConnection::createJob(PendingConnection& pending) {
         removeStaleSocket(pending.socketPath);
         pending.transport = requestRdpTransport(pending.socketPath, pending.samPath,
                                                 pending.sessionId, pending.ordinal);
-        if (!waitForTransportSocket(pending.socketPath, pending.sessionId)) {
+        const auto deadline = Clock::now() + transportSocketLimit;
+        if (!waitForTransportSocket(pending.socketPath, pending.sessionId, deadline)) {
             abandon(pending);
             return false;
         }
-        FileDescriptor local = connectToTransport(pending.socketPath);
+        FileDescriptor local =
+            connectToTransport(pending.socketPath, pending.transport, deadline);
         if (!local) {
             pending.client.reset();
             Syslog::error("%s: transport not started, session id: %u", function, pending.sessionId);
