@@ -142,7 +142,7 @@ TEST(RelayJob, EndsWhileItsSendIsBlocked) {
         std::promise<int> ended;
         ended.set_value(0);
         auto job = std::make_unique<Vorl::JobTransfer>(
-            accepted, local[0], "", "",
+            accepted, local[0], Vorl::SocketFile(""), Vorl::OwnedFile(""),
             Vorl::TransportHandle(0, ended.get_future()), 7);
         const std::string flood(1 << 16, 'x');
         for (int idle = 0; idle < 20; std::this_thread::sleep_for(10ms)) // until nothing moves

@@ -28,11 +28,12 @@ public:
 
     /// Starts a job and has it confirmed, with the list locked. When `confirm` throws, the job
     /// stays in the list, its client is dropped, and the exception passes on.
-    /// @param client, local, transport as the constructor of JobTransfer takes them; empty
-    ///        afterwards, unless the job could not be created
+    /// @param client, local, socketFile, samFile, transport as the constructor of JobTransfer takes
+    ///        them; descriptors and transport are empty afterwards, unless the job could not be
+    ///        created
     /// @throws std::system_error when no thread can be started
-    void add(FileDescriptor& client, FileDescriptor& local, const std::string& socketPath,
-             const std::string& samPath, TransportHandle& transport, std::uint32_t session,
+    void add(FileDescriptor& client, FileDescriptor& local, SocketFile& socketFile,
+             OwnedFile& samFile, TransportHandle& transport, std::uint32_t session,
              const std::function<void(const JobTransfer&)>& confirm);
 
     /// The number of the session's jobs, ended ones that were not swept yet included. Waits for
