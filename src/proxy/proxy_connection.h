@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/json_config.h"
+#include "common/owned_file.h"
 #include "common/transport_handle.h"
 #include "logger"
 #include "proxy/config_file.h"
@@ -94,11 +95,11 @@ private:
     /// Starts the shadow server for the session.
     /// @throws vorl_error, DBus::Error or Json::Exception when it cannot be started
     [[nodiscard]] TransportHandle requestRdpTransport(const std::string& socketPath,
-                                                      const std::string& samPath,
+                                                      OwnedFile& samFile,
                                                       const std::uint32_t& sessionId,
                                                       std::uint64_t ordinal);
     [[nodiscard]] std::list<std::string> prepareX11RdpArgs(const std::string& socketPath,
-                                                           const std::string& samPath,
+                                                           OwnedFile& samFile,
                                                            const JsonConfig& session,
                                                            bool builtIn) const;
     void registerJob(PendingConnection& pending, FileDescriptor& local);

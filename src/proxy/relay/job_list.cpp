@@ -17,12 +17,12 @@ void stopAll(std::list<JobTransfer>& jobs) {
 
 } // namespace
 
-void JobList::add(FileDescriptor& client, FileDescriptor& local, const std::string& socketPath,
-                  const std::string& samPath, TransportHandle& transport, std::uint32_t session,
+void JobList::add(FileDescriptor& client, FileDescriptor& local, SocketFile& socketFile,
+                  OwnedFile& samFile, TransportHandle& transport, std::uint32_t session,
                   const std::function<void(const JobTransfer&)>& confirm) {
     const std::scoped_lock lock(mutex);
-    JobTransfer& job = jobs.emplace_back(client.get(), local.get(), socketPath, samPath,
-                                         std::move(transport), session);
+    JobTransfer& job = jobs.emplace_back(client.get(), local.get(), std::move(socketFile),
+                                         std::move(samFile), std::move(transport), session);
     (void)client.release();
     (void)local.release();
     try {

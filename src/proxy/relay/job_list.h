@@ -27,10 +27,11 @@ public:
 
     /// Starts a job and calls `confirm`, with the list locked. If `confirm` throws, the job stays
     /// in the list, its client is disconnected, and the exception is rethrown.
-    /// @param client, local, transport moved into the job, unless it could not be created
+    /// @param client, local, socketFile, samFile, transport moved into the job, unless it could not
+    ///        be created
     /// @throws std::system_error when no thread can be started
-    void add(FileDescriptor& client, FileDescriptor& local, const std::string& socketPath,
-             const std::string& samPath, TransportHandle& transport, std::uint32_t session,
+    void add(FileDescriptor& client, FileDescriptor& local, SocketFile& socketFile,
+             OwnedFile& samFile, TransportHandle& transport, std::uint32_t session,
              const std::function<void(const JobTransfer&)>& confirm);
 
     /// The number of the session's jobs, including ended ones that have not been swept yet. Waits
