@@ -218,7 +218,6 @@ void Service::report(std::vector<std::string> found) {
     if (now != reachable)
         Syslog::notice("%s: %s", "vorl_session", now.c_str());
     reachable = now;
-    sd_notifyf(0, "STATUS=%s; connections: %zu", now.c_str(), admission.clients().size());
 }
 
 std::vector<std::string> Service::daemonProblems() const {
@@ -255,6 +254,12 @@ void Service::settle() {
     endTickets(tickets.takeExpired(now));
     for (const Action& action : admission.takeActions())
         carryOut(action);
+    // The package's upgrade looks at its end.
+    const std::string line =
+        reachable + "; connections: " + std::to_string(admission.clients().size());
+    if (line != statusLine)
+        sd_notifyf(0, "STATUS=%s", line.c_str());
+    statusLine = line;
     Time next = std::min(nextLook, admission.nextDeadline());
     if (!admission.clients().empty())
         next = std::min(next, now + countTime);

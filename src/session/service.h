@@ -76,6 +76,7 @@ private:
     std::map<std::uint32_t, sd_event_source*> relays; ///< by number: watch their shadow servers
     std::vector<std::string> problems;                ///< as last reported
     std::string reachable;                            ///< the same for the desktop
+    std::string statusLine; ///< as last told to systemd
     Time nextLook;
 };
 
