@@ -76,8 +76,10 @@ private:
     std::map<std::uint32_t, sd_event_source*> relays; ///< by number: watch their shadow servers
     std::vector<std::string> problems;                ///< as last reported
     std::string reachable;                            ///< the same for the desktop
-    std::string statusLine; ///< as last told to systemd
-    Time nextLook;
+    std::string statusLine;                           ///< as last told to systemd
+    /// At first late enough for the daemon to have closed the port of a service that has just
+    /// stopped.
+    Time nextLook = Clock::now() + std::chrono::milliseconds(500);
 };
 
 } // namespace Vorl::Session

@@ -184,6 +184,39 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
     EXPECT_TRUE(isClosed("") || says("vorl_session: vorl_session does not run: *"));
 }
 
+TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
+    const std::filesystem::path hook = home / "hook", told = home / "told";
+    std::ofstream(hook) << "#!/bin/sh\necho \"$1 $VORL_USER $VORL_ADDRESS:$VORL_PORT"
+                           " $VORL_TICKET.\" >>"
+                        << told << "\n[ \"$1\" != taken ]\n";
+    std::filesystem::permissions(hook, std::filesystem::perms(0700));
+    configure(R"(, "front:hook": ")" + hook.string() + R"(", "front:address": "rdp.example")");
+    logIn("3");
+    setPassword();
+    start();
+    const auto isTold = [&](const std::string& event) {
+        return eventually([&] { return readFile(told).find(event) != std::string::npos; });
+    };
+    EXPECT_TRUE(isTold("open root " + where + " .\n"));
+    const std::string line = output({"ticket", "root"}), rdp = output({"ticket", "--rdp", "root"});
+    const std::string start =
+        "xfreerdp /v:rdp.example /u:root '/load-balance-info:Cookie: mstshash=";
+    ASSERT_TRUE(line.starts_with(start)) << line;
+    const std::string token = line.substr(start.size(), line.find_last_of('\'') - start.size());
+    EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(token.size(), 32U);
+    EXPECT_NE(rdp.find("\r\nloadbalanceinfo:s:Cookie: mstshash="), std::string::npos) << rdp;
+    EXPECT_EQ(rdp.find(token), std::string::npos);
+    EXPECT_TRUE(isTold("ticket root " + where + " " + token + ".\n"));
+    EXPECT_NE(output({"ticket", "nobody"}).find("no password"), std::string::npos);
+    const Vorl::FileDescriptor client = connectAndSee();
+    EXPECT_TRUE(isTold("taken root " + where + " .\n"));
+    EXPECT_TRUE(journal.saw({"FrontHook: * taken failed, status: 1"}));
+    EXPECT_TRUE(isTold("ticket-end root " + where + " " + token + ".\n"));
+    std::filesystem::remove(sessions / "3");
+    EXPECT_TRUE(isTold("closed root " + where + " .\n"));
+}
+
 TEST_F(SessionServiceTest, AfterACrashWhatItLetInIsEnded) {
     logIn("3");
     setPassword();
