@@ -88,6 +88,24 @@ disconnect() {
     expect_nothing_left
 }
 
+drop_ins=/etc/systemd/system/vorl_proxy.service.d
+
+# use_drop_in NAME: one of the package's examples.
+use_drop_in() {
+    install -D -m 644 -t "$drop_ins" "$examples/$1"
+    restart
+}
+
+remove_drop_ins() {
+    rm -r "$drop_ins"
+    restart
+}
+
+restart() {
+    systemctl daemon-reload
+    systemctl restart vorl_proxy || fail "it does not start"
+}
+
 main_pid() { systemctl show --value --property MainPID vorl_proxy; }
 
 # in_journal TEXT: whether the last shadow server has said so there.
