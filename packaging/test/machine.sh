@@ -5,7 +5,6 @@ work=/var/lib/package-test # what the host gets to see at the end
 port=3389
 examples=/usr/share/doc/vorl-proxy/examples
 work_directory=/run/vorl_proxy/.vorl
-session_uid=1000
 session_home=/home/$user
 stage=
 
@@ -35,9 +34,10 @@ expect() {
 make_accounts() {
     local name
     for name in alice bob; do
-        useradd --create-home --shell /bin/bash "$name"
+        id "$name" >/dev/null 2>&1 || useradd --create-home --shell /bin/bash "$name"
         echo "$name:password-of-$name" | chpasswd
     done
+    session_uid=$(id -u alice)
 }
 
 # Before a command: it runs as this account.
