@@ -70,7 +70,8 @@ TEST(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
     ended.set_value(0);
     const int unixFd = socket(AF_UNIX, SOCK_STREAM, 0);
     {
-        const Vorl::JobTransfer job(open("/dev/zero", O_RDWR), unixFd, "/run/socket", "/run/sam",
+        const Vorl::JobTransfer job(open("/dev/zero", O_RDWR), unixFd,
+                                    Vorl::SocketFile("/run/socket"), Vorl::OwnedFile("/run/sam"),
                                     {0, ended.get_future()}, 7);
         EXPECT_TRUE(eventually([&] { return !job.isRunning(); }));
     }

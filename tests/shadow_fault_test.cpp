@@ -5,6 +5,7 @@
 #include <future>
 
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 
 namespace VorlTest {
 
@@ -78,13 +79,34 @@ TEST_F(ShadowFault, OneThatEndsByItselfIsNotSignalled) {
     EXPECT_TRUE(holds(before));
 }
 
-TEST_F(ShadowFault, OneThatRefusesDoesNotKeepTheDaemonFromStopping) {
-    start(stub("refuse"));
-    allow();
-    EXPECT_TRUE(ends(connectTo(port)));
-    daemon.process->signal(SIGTERM);
-    EXPECT_EQ(daemon.process->wait(2500ms), 0) << "before the shadow server ends by itself";
-    EXPECT_TRUE(journal.saw({"*: transport not started, *", "*: child ended, *"}));
+TEST_F(ShadowFault, OneThatDoesNotAcceptDoesNotKeepTheDaemonFromStopping) {
+    for (const char* mode : {"refuse", "full"}) {
+        start(stub(mode));
+        allow();
+        const FileDescriptor client = connectTo(port);
+        EXPECT_TRUE(journal.saw({"unixConnect: path: *"}));
+        daemon.process->signal(SIGTERM);
+        EXPECT_EQ(daemon.process->wait(4s), 0) << mode;
+        EXPECT_TRUE(ends(client));
+        EXPECT_TRUE(journal.saw({"unixConnect: connect failed, *", "*: transport not started, *",
+                                 "*: child ended, *"}));
+    }
+}
+
+TEST_F(ShadowFault, AConnectThatSucceedsLateLeavesNoErrorLine) {
+    start(stub("late"));
+    ASSERT_TRUE(echoes(open(7))) << "though nobody listens on the socket for a second";
+    allow(8);
+    const FileDescriptor client = connectTo(port);
+    EXPECT_TRUE(journal.saw({"unixConnect: path: *", "unixConnect: path: *"}));
+    rlimit before{};
+    prlimit(daemon.process->pid(), RLIMIT_NOFILE, nullptr, &before);
+    const rlimit few{3, before.rlim_max};
+    ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    EXPECT_FALSE(journal.saw({"*: transport not started, *"}, 1500ms));
+    ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_TRUE(echoes(client)) << "though there were no descriptors for a while";
+    EXPECT_EQ(journal.count("*failed*"), 0u);
 }
 
 TEST_F(ShadowFault, AnEndIsSeenWhileTheOtherSideTakesNothing) {
@@ -120,7 +142,8 @@ TEST(RelayJob, EndsWhileItsSendIsBlocked) {
         std::promise<int> ended;
         ended.set_value(0);
         auto job = std::make_unique<Vorl::JobTransfer>(
-            accepted, local[0], "", "", Vorl::TransportHandle(0, ended.get_future()), 7);
+            accepted, local[0], Vorl::SocketFile(""), Vorl::OwnedFile(""),
+            Vorl::TransportHandle(0, ended.get_future()), 7);
         const std::string flood(1 << 16, 'x');
         for (int idle = 0; idle < 20; std::this_thread::sleep_for(10ms)) // until nothing moves
             idle = send(local[1], flood.data(), flood.size(), MSG_NOSIGNAL) > 0 ? 0 : idle + 1;

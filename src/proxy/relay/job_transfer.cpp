@@ -14,11 +14,10 @@
 
 namespace Vorl {
 
-JobTransfer::JobTransfer(int client, int local, const std::string& socketPath,
-                         const std::string& samPath, TransportHandle&& shadowServer,
-                         std::uint32_t session)
-    : socketFd(client), unixFd(local), sessionId(session), socketFile(socketPath),
-      samFile(samPath) {
+JobTransfer::JobTransfer(int client, int local, SocketFile&& shadowSocket, OwnedFile&& credentials,
+                         TransportHandle&& shadowServer, std::uint32_t session)
+    : socketFd(client), unixFd(local), sessionId(session), socketFile(std::move(shadowSocket)),
+      samFile(std::move(credentials)) {
     sizeRelayBuffers(socketFd, unixFd);
     thread = std::thread(&JobTransfer::relay, this);
     transport = std::move(shadowServer);
