@@ -47,8 +47,12 @@ bool goesToBackground() {
 }
 
 void runProxy(DBus::Connection& connection, const std::string& configPath) {
-    const SignalFilter filter(connection);
+    SignalFilter filter(connection);
     ProxyConnection proxy(connection, configPath, "/net/qarel/vorl", "net.qarel.vorl");
+    filter.deliverHeldTo([&proxy](const DBus::SignalMessage& signal) {
+        if (proxy.path() == signal.path())
+            proxy.net::qarel::vorl_proxy::dispatch_signal(signal);
+    });
     proxy.start();
 }
 
