@@ -40,11 +40,15 @@ TEST_F(ServiceFault, SignalsAreHandledWhileACallWaits) {
 TEST_F(ServiceFault, NoUnansweredCallHoldsUpTheStop) {
     for (const std::string& method : acceptanceCalls) {
         start();
+        const FileDescriptor other = open(8, 8);
         const FileDescriptor client = reach(method, Answer::Never);
         if (method == "proxySessionConnected") // its handler waits for what the call holds
             service->signalSessionDisconnected(7, shadowPid(), "");
         daemon.process->signal(SIGTERM);
-        EXPECT_EQ(daemon.process->wait(6s), 0) << method;
+        EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 8, result: unknown"}, 3s));
+        EXPECT_TRUE(ends(other) && !daemon.process->wait(0ms))
+            << "relays do not wait for " << method;
+        EXPECT_EQ(daemon.process->wait(12s), 0) << method;
         EXPECT_TRUE(!client || ends(client)) << method;
         service.answer(method, Answer::Reply);
     }
@@ -53,6 +57,18 @@ TEST_F(ServiceFault, NoUnansweredCallHoldsUpTheStop) {
     EXPECT_TRUE(eventually([&] { return service.count("vorlTest") == 5; }));
     daemon.process->signal(SIGTERM);
     EXPECT_EQ(daemon.process->wait(6s), 0);
+}
+
+TEST_F(ServiceFault, TheDaemonStaysOnTheBusUntilItsShadowServersHaveEnded) {
+    start(stub("slow"));
+    const FileDescriptor client = open();
+    const pid_t shadowServer = static_cast<pid_t>(shadowPid());
+    DBus::Connection observer(bus.address.c_str());
+    observer.register_bus();
+    ASSERT_TRUE(observer.has_name(":1.1")) << "is the daemon, after the session service";
+    daemon.process->signal(SIGTERM);
+    ASSERT_TRUE(eventually([&] { return !observer.has_name(":1.1"); }));
+    EXPECT_NE(kill(shadowServer, 0), 0);
 }
 
 TEST_F(ServiceFault, NoSilentBusHoldsUpTheStop) {

@@ -19,8 +19,8 @@ namespace Vorl::Socket {
 
 namespace {
 
-/// Text that is no address has become the broadcast address: the kernel would bind it, and nobody
-/// could ever connect.
+/// Refuses INADDR_NONE, the result of inet_addr(3) for invalid text: it is the broadcast address,
+/// which the kernel would bind, but to which nobody could ever connect.
 bool bindTo(int fd, const sockaddr_in& local) {
     if (local.sin_addr.s_addr == INADDR_NONE) {
         errno = EADDRNOTAVAIL;

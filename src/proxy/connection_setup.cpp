@@ -31,7 +31,7 @@ void logFailure(const char* reason, std::uint32_t sessionId) {
     Syslog::error("%s: exception: %s, session id: %u", function, reason, sessionId);
 }
 
-/// Lets the client go, and ends the shadow server if it was started.
+/// Disconnects the client, and ends the shadow server if it was started.
 void abandon(PendingConnection& pending) {
     pending.client.reset(); // before the wait for the shadow server
     if (!pending.transport.second.valid())
@@ -58,8 +58,9 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
                   remoteAddress.c_str(), client.get());
     proxyClientConnected(sessionId, remoteAddress);
 
-    // The client of a connection that has just ended may be back already: that connection's shadow
-    // server removes its socket by name, which must not be the name of the new one.
+    // A client may have reconnected at once: the shadow server of its previous connection removes
+    // its socket by name, which must not be the name of the new one. So finish that connection
+    // first.
     jobs.sweep();
     const std::uint64_t ordinal = jobMultiSession(sessionId);
     const fs::path directory = workDirectory(home);
@@ -134,6 +135,7 @@ bool ProxyConnection::createJob(PendingConnection& pending) {
     } catch (const std::exception& failure) {
         logFailure(failure.what(), pending.sessionId);
     }
+    // Only what no job owns yet: after a refused proxySessionConnected, the job keeps the rest.
     abandon(pending);
     return false;
 }

@@ -13,7 +13,7 @@ namespace Vorl {
 /// An accepted client that has no relay job yet. Lives on the acceptance task's stack.
 struct PendingConnection {
     std::uint32_t sessionId;
-    std::uint64_t ordinal;     ///< tells the files of several connections to one session apart
+    std::uint64_t ordinal;     ///< distinguishes the files of several connections to one session
     SocketFile socketFile;     ///< the shadow server's socket
     OwnedFile samFile;         ///< the shadow server's SAM file
     std::string remoteAddress; ///< the client's, as dotted quad

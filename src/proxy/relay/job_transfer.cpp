@@ -30,9 +30,13 @@ void JobTransfer::stop() {
         kill(transport.first, SIGTERM);
     }
     // Wakes the thread from its wait, and from a send to a client that has stopped reading.
+    shutDownSockets();
+    stopTime = std::chrono::steady_clock::now();
+}
+
+void JobTransfer::shutDownSockets() const {
     shutdown(socketFd, SHUT_RDWR);
     shutdown(unixFd, SHUT_RDWR);
-    stopTime = std::chrono::steady_clock::now();
 }
 
 JobTransfer::~JobTransfer() {
@@ -54,10 +58,13 @@ void JobTransfer::relay() {
         if (!running || !proxyRunning)
             break;
         if (ready.fromClient)
-            result = jobTransferIter(socketFd, unixFd, buffer, &running);
+            result = streamTransferIter(socketFd, unixFd, buffer, &running);
         if (ready.fromTransport && result >= 0)
-            result = jobTransferIter(unixFd, socketFd, buffer, &running);
+            result = streamTransferIter(unixFd, socketFd, buffer, &running);
     }
+    // The client is not to wait for the destructor, which may wait for an unanswered bus call.
+    if (!proxyRunning)
+        shutDownSockets();
     // Once the job has been stopped, the result of the last step is only a consequence of that.
     if (!running)
         result = 0;

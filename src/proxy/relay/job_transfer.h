@@ -54,6 +54,7 @@ public:
 
 private:
     void relay();
+    void shutDownSockets() const;
 
     const int socketFd;
     const int unixFd;
@@ -62,7 +63,7 @@ private:
     std::thread thread;
     const SocketFile socketFile;
     const OwnedFile samFile;
-    std::vector<std::uint8_t> buffer; // for both directions; relay thread only
+    std::vector<std::uint8_t> buffer; // of streamTransferIter(), both directions; relay thread only
     TransportHandle transport;
     std::chrono::steady_clock::time_point stopTime; // of stop(); owner only
 };

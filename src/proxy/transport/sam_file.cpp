@@ -29,7 +29,7 @@ bool writeSamFile(OwnedFile& samFile, const std::string& line) {
     if (!samFile.note(file.get()))
         giveUp(path, "statx");
     const std::string text = line + '\n';
-    errno = ENOSPC; // a write that is cut short does not set it
+    errno = ENOSPC; // a partial write does not set it
     if (write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         giveUp(path, "write");
     return true;

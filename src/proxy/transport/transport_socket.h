@@ -10,8 +10,8 @@
 
 namespace Vorl {
 
-/// Removes a socket that stands at the path: one of an earlier run would be taken for the new one.
-/// A file of another kind is left alone; failures are ignored.
+/// Removes a socket file of an earlier run, which would be mistaken for the new one. Leaves other
+/// kinds of files alone; ignores errors.
 void removeStaleSocket(const std::filesystem::path& path);
 
 /// How long a shadow server may take until it accepts connections on its socket.
