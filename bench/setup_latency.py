@@ -24,7 +24,8 @@ import time
 SESSION = 7
 SIZE = "1024x768"
 LIMIT = 20  # seconds for anything to happen
-SHADOW = "/usr/bin/freerdp-shadow-cli"
+SHADOW = os.environ["SHADOW_SERVER"]  # set by scripts/bench, as the next one
+CLIENT = os.environ["RDP_CLIENT"]
 
 build, run, rounds, results = sys.argv[1:]
 build = os.path.abspath(build)
@@ -177,7 +178,7 @@ def start_desktop():
 
 def time_first_picture(port):
     began = milliseconds()
-    client = start("client", "xfreerdp", f"/v:127.0.0.1:{port}", "/u:bob", "/p:secret", "/sec:tls",
+    client = start("client", CLIENT, f"/v:127.0.0.1:{port}", "/u:bob", "/p:secret", "/sec:tls",
                    "/cert:ignore", f"/size:{SIZE}", "/f", env=screen.environment)
     wait_for(lambda: alike(desktop, screen), "picture at the client", 0.005)
     took = milliseconds() - began
