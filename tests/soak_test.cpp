@@ -48,18 +48,6 @@ TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
     describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
     const char* program = std::getenv("VORL_SHADOW_SERVER"); // set by scripts/soak
     ASSERT_NE(program, nullptr);
-    const std::string path = std::string(R"("x11rdp:path": ")") + program + '"';
-    start(path + R"(, "debug:level": "none", "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"])");
-    expectNoGrowth(1000, [](const FileDescriptor& client) { return echoes(client); });
-    expectNoGrowth(1000, [](const FileDescriptor&) { return true; }); // connects and leaves
-}
-
-TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
-    const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-noreset", "-nolisten", "tcp"}, {},
-                          makeDirectory());
-    describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
-    const char* program = std::getenv("VORL_SHADOW_SERVER"); // set by scripts/soak
-    ASSERT_NE(program, nullptr);
     start(R"("debug:level": "none", "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"],
              "x11rdp:path": ")" +
           std::string(program) + '"');
