@@ -61,12 +61,14 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     daemon.workDirectory = home / ".vorl";
     rlimit limit{};
     getrlimit(RLIMIT_NPROC, &limit);
+#ifndef __SANITIZE_ADDRESS__ // needs a thread itself, at the end
     limit.rlim_cur = 1;
     setrlimit(RLIMIT_NPROC, &limit); // inherited by the daemon, whose threads count
     configure();
     daemon.start();
-    EXPECT_EQ(daemon.process->wait(), 0) << "without the periodic task";
+    EXPECT_EQ(daemon.process->wait(), 0) << readFile(daemon.home / "errors");
     EXPECT_TRUE(journal.saw({"exception: Resource temporarily unavailable"}));
+#endif
     limit.rlim_cur = 12;
     setrlimit(RLIMIT_NPROC, &limit);
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
