@@ -35,6 +35,16 @@ TEST(Logging, EachLevelLetsItsSeveritiesThrough) {
     }
 }
 
+TEST(Logging, TheTimeFollowsAChangedZone) {
+    testing::internal::CaptureStdout();
+    for (const char* zone : {"AAA0", "BBB-5"}) {
+        setenv("TZ", zone, 1);
+        Syslog::fprintf_time(stdout, "%Z ");
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "AAA BBB ");
+    unsetenv("TZ");
+}
+
 TEST(Logging, WordsSetTheLevelAndAreLoggedAtTheOldOne) {
     Journal journal;
     Syslog::setDebugLevel(DebugLevel::Info);

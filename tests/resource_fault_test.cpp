@@ -61,8 +61,14 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     daemon.workDirectory = home / ".vorl";
     rlimit limit{};
     getrlimit(RLIMIT_NPROC, &limit);
-    limit.rlim_cur = 12;
+    limit.rlim_cur = 1;
     setrlimit(RLIMIT_NPROC, &limit); // inherited by the daemon, whose threads count
+    configure();
+    daemon.start();
+    EXPECT_EQ(daemon.process->wait(), 0) << "without the periodic task";
+    EXPECT_TRUE(journal.saw({"exception: Resource temporarily unavailable"}));
+    limit.rlim_cur = 12;
+    setrlimit(RLIMIT_NPROC, &limit);
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
     const std::string before = daemon.resources();
     std::list<Process> others;
@@ -163,6 +169,8 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
     start();
     EXPECT_TRUE(echoes(open()));
     EXPECT_EQ(readFile(precious), "kept");
+    EXPECT_TRUE(journal.saw({"redirectOutputsFdTo: log file cannot be opened, output is lost, "
+                             "error: Too many levels of symbolic links, code: 40, path: `*'"}));
     create_hard_link(precious, daemon.workDirectory / "sam_9_0");
     EXPECT_TRUE(echoes(open(9, 9)));
     EXPECT_EQ(readFile(precious), "kept");

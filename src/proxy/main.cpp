@@ -1,5 +1,6 @@
 #include "bus/signal_filter.h"
 #include "common/accounts.h"
+#include "common/call_failure.h"
 #include "logger"
 #include "proxy/command_line.h"
 #include "proxy/proxy_connection.h"
@@ -35,6 +36,14 @@ void becomeUser(CommandLine& commandLine) {
     if (const fs::path absolute = fs::absolute(commandLine.configPath, ignored); !ignored)
         commandLine.configPath = absolute;
     Utils::switchToUser(*account);
+}
+
+/// @return true in the process that is to end: the parent, also when there is no child
+bool goesToBackground() {
+    const pid_t child = fork();
+    if (child < 0)
+        logCallFailed("main", "fork");
+    return child != 0;
 }
 
 void runProxy(DBus::Connection& connection, const std::string& configPath) {
@@ -84,7 +93,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     becomeUser(*commandLine);
-    if (commandLine->background && fork() != 0)
+    if (commandLine->background && goesToBackground())
         return 0;
 
     exitOnTerminationSignals(commandLine->background);
