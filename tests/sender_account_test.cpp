@@ -117,6 +117,15 @@ TEST_F(SenderAccount, ThoseInChargeAreHeardFromAnyConnection) {
     EXPECT_TRUE(hears(stranger) && ignores(second, serviceUid) && hears(root));
 }
 
+TEST_F(SenderAccount, IsLookedUpWhileACallWaits) {
+    service.answer("proxyListenStarted", Answer::Held);
+    service->signalProxyAllowConnection(7, 3);
+    ASSERT_TRUE(eventually([&] { return service.count("proxyListenStarted *") > 0; }));
+    Sender root(bus.address, 0);
+    EXPECT_TRUE(hears(root));
+    service.answer("proxyListenStarted", Answer::Reply);
+}
+
 TEST(SenderAccountLookUp, HoldsUpNeitherKnownSendersNorTheStop) {
     Journal journal;
     SilentBus bus;

@@ -26,6 +26,8 @@ void BusLoop::enter() {
         dispatch_pending();
         if (!dbus_connection_get_is_connected(bus))
             return;
+        if (dispatchOther && (otherFd = dispatchOther()) < 0)
+            return;
         waitForInput();
         // Does not block: while another thread is in a call, that thread reads for both.
         dbus_connection_read_write(bus, 0);
@@ -33,13 +35,13 @@ void BusLoop::enter() {
 }
 
 void BusLoop::waitForInput() const {
-    pollfd entry{-1, POLLIN, 0};
+    pollfd entries[] = {{-1, POLLIN, 0}, {otherFd, POLLIN, 0}};
     // Not POLLOUT: while another thread is in a call, this one cannot write queued messages, and a
     // writable socket would make the loop spin.
     const int turn =
         dbus_connection_has_messages_to_send(bus) ? writeTurnMilliseconds : turnMilliseconds;
-    if (dbus_connection_get_unix_fd(bus, &entry.fd))
-        poll(&entry, 1, turn);
+    if (dbus_connection_get_unix_fd(bus, &entries[0].fd))
+        poll(entries, 2, turn);
 }
 
 void BusLoop::hangUp() {

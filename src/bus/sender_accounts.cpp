@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include <dbus-c++/dbus.h>
 #include <unistd.h>
 
 namespace Vorl {
@@ -13,6 +14,18 @@ struct ReleaseMessage {
 };
 using OwnedMessage = std::unique_ptr<DBusMessage, ReleaseMessage>;
 
+DBusConnection* openSystemBus() {
+    DBusError error = DBUS_ERROR_INIT;
+    DBusConnection* const opened = dbus_bus_get_private(DBUS_BUS_SYSTEM, &error);
+    if (opened == nullptr) {
+        const DBus::Error failure(error.name, error.message);
+        dbus_error_free(&error);
+        throw failure;
+    }
+    dbus_connection_set_exit_on_disconnect(opened, FALSE); // the library would call exit(3)
+    return opened;
+}
+
 } // namespace
 
 struct SenderAccounts::Query {
@@ -20,21 +33,28 @@ struct SenderAccounts::Query {
     std::string name;
 };
 
+void SenderAccounts::CloseConnection::operator()(DBusConnection* connection) const {
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+}
+
 void SenderAccounts::CancelCall::operator()(DBusPendingCall* call) const {
     dbus_pending_call_cancel(call);
     dbus_pending_call_unref(call);
 }
 
-SenderAccounts::SenderAccounts(DBusConnection* busHandle, std::string serviceName,
-                               std::function<void()> whenAnswered)
-    : bus(busHandle), service(std::move(serviceName)), ownAccount(geteuid()),
+SenderAccounts::SenderAccounts(std::string serviceName, std::function<void()> whenAnswered)
+    : bus(openSystemBus()), service(std::move(serviceName)), ownAccount(geteuid()),
       answered(std::move(whenAnswered)), owner(service) {
-    // Without an error to be filled in, the call does not wait for the bus.
-    dbus_bus_add_match(bus,
-                       "type='signal',sender='org.freedesktop.DBus',"
-                       "interface='org.freedesktop.DBus',member='NameOwnerChanged'",
-                       nullptr);
     find(owner); // by the well-known name, whose owner is not known yet
+}
+
+int SenderAccounts::takeAnswers() {
+    dbus_connection_read_write(bus.get(), 0);
+    while (dbus_connection_dispatch(bus.get()) == DBUS_DISPATCH_DATA_REMAINS) {
+    }
+    int fd = -1;
+    return dbus_connection_get_unix_fd(bus.get(), &fd) ? fd : -1;
 }
 
 SenderAccounts::Verdict SenderAccounts::judge(const std::string& sender) {
@@ -66,9 +86,11 @@ void SenderAccounts::ownerChanged(const std::string& name, const std::string& no
         answered();
     } else if (name.starts_with(':') && !now.empty()) {
         find(name);
-    } else if (const auto gone = senders.find(name);
-               gone != senders.end() && !gone->second.lookUp) {
-        senders.erase(gone); // unique names are never used again
+    } else if (const auto gone = senders.find(name); gone != senders.end()) {
+        // Unique names are never used again.
+        gone->second.hasLeft = true;
+        if (!gone->second.lookUp)
+            senders.erase(gone);
     }
 }
 
@@ -87,7 +109,7 @@ void SenderAccounts::lookUp(const std::string& name, Sender& sender) {
     // Without a timeout: the library's timeouts are for its own loop. Null when the bus is gone.
     if (!call ||
         !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &argument, DBUS_TYPE_INVALID) ||
-        !dbus_connection_send_with_reply(bus, call.get(), &pending, DBUS_TIMEOUT_INFINITE) ||
+        !dbus_connection_send_with_reply(bus.get(), call.get(), &pending, DBUS_TIMEOUT_INFINITE) ||
         pending == nullptr)
         return;
     sender.lookUp.reset(pending);
@@ -112,10 +134,9 @@ void SenderAccounts::take(const std::string& name, DBusMessage* reply) {
         sender.account = uid;
     else if (name == owner && dbus_message_is_error(reply, DBUS_ERROR_NAME_HAS_NO_OWNER))
         owner.clear();
-    const bool failed = !sender.account;
     sender.lookUp.reset();
     answered();
-    if (failed)
+    if (!sender.account || sender.hasLeft)
         senders.erase(name); // asked again, should it be needed again
 }
 

@@ -18,6 +18,9 @@ namespace Vorl {
 /// and go, are learnt from NameOwnerChanged. Connections are looked up as soon as they come: the
 /// bus cannot tell the account of a sender that has left.
 ///
+/// The questions go through a bus connection of their own. On the one that carries signals and
+/// calls, a question would not be sent before the call that another thread waits for has ended.
+///
 /// All members, and `answered`, run on the thread that dispatches the bus.
 class SenderAccounts {
 public:
@@ -27,13 +30,19 @@ public:
         Foreign, ///< any other account, or one that cannot be looked up
     };
 
-    /// @param bus must outlive this object
     /// @param service the session service's well-known name
     /// @param answered called when verdicts may have changed
-    SenderAccounts(DBusConnection* bus, std::string service, std::function<void()> answered);
+    /// @throws DBus::Error when the system bus takes no further connection
+    SenderAccounts(std::string service, std::function<void()> answered);
     SenderAccounts(const SenderAccounts&) = delete;
     SenderAccounts& operator=(const SenderAccounts&) = delete;
     ~SenderAccounts() = default; // look-ups that are not answered yet are cancelled
+
+    /// Takes the answers that have arrived. Does not wait.
+    /// @return the descriptor that becomes readable with the next ones; negative when the
+    /// connection
+    ///         is lost
+    int takeAnswers();
 
     /// @param sender the unique bus name of a connection
     Verdict judge(const std::string& sender);
@@ -46,12 +55,16 @@ public:
     void ownerChanged(const std::string& name, const std::string& now);
 
 private:
+    struct CloseConnection {
+        void operator()(DBusConnection* connection) const;
+    };
     struct CancelCall {
         void operator()(DBusPendingCall* call) const;
     };
     struct Sender {
         std::unique_ptr<DBusPendingCall, CancelCall> lookUp; // null once it has been answered
         std::optional<uid_t> account;
+        bool hasLeft = false; // and will not send again
     };
     struct Query;
 
@@ -60,7 +73,7 @@ private:
     static void take(DBusPendingCall* call, void* query);
     void take(const std::string& name, DBusMessage* reply);
 
-    DBusConnection* const bus;
+    const std::unique_ptr<DBusConnection, CloseConnection> bus;
     const std::string service;
     const uid_t ownAccount;
     const std::function<void()> answered;

@@ -55,10 +55,15 @@ void warnForeign(const DBus::Message& signal, const std::optional<uid_t>& accoun
 } // namespace
 
 SignalFilter::SignalFilter(DBus::Connection& bus)
-    : connection(bus), accounts(handleOf(bus), service, [this] { judgeHeld(); }) {
+    : connection(bus), accounts(service, [this] { judgeHeld(); }) {
     slot =
         new DBus::Callback<SignalFilter, bool, const DBus::Message&>(this, &SignalFilter::swallows);
     connection.add_filter(slot);
+    // Without an error to be filled in, the call does not wait for the bus.
+    dbus_bus_add_match(handleOf(connection),
+                       "type='signal',sender='org.freedesktop.DBus',"
+                       "interface='org.freedesktop.DBus',member='NameOwnerChanged'",
+                       nullptr);
 }
 
 SignalFilter::~SignalFilter() {

@@ -24,10 +24,14 @@ namespace Vorl {
 /// and destroy it after that.
 class SignalFilter {
 public:
+    /// @throws DBus::Error when the system bus takes no connection for the look-ups
     explicit SignalFilter(DBus::Connection& connection);
     SignalFilter(const SignalFilter&) = delete;
     SignalFilter& operator=(const SignalFilter&) = delete;
     ~SignalFilter();
+
+    /// Takes the answers to look-ups, as a dispatcher for BusLoop::alsoServe().
+    int takeAnswers() { return accounts.takeAnswers(); }
 
     /// Names the receiver of held signals. Call it before the bus is dispatched.
     void deliverHeldTo(std::function<void(const DBus::SignalMessage&)> receiver);

@@ -53,6 +53,7 @@ void runProxy(DBus::Connection& connection, const std::string& configPath) {
         if (proxy.path() == signal.path())
             proxy.net::qarel::vorl_proxy::dispatch_signal(signal);
     });
+    proxyDispatcher.alsoServe([&filter] { return filter.takeAnswers(); });
     proxy.start();
 }
 
