@@ -2,12 +2,12 @@
 // gives each socket the daemon's policy and each connection a JobTransfer, and sweeps ended jobs as
 // the daemon does. SIGUSR1 ends all jobs, as a disconnect by the session service would.
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 #include "common/json_config.h"
 #include "common/sockets.h"
-#include "proxy/client_socket.h"
-#include "proxy/globals.h"
-#include "proxy/job_transfer.h"
+#include "proxy/relay/client_socket_options.h"
+#include "common/run_state.h"
+#include "proxy/relay/job_transfer.h"
 
 #include <csignal>
 #include <cstdio>
@@ -31,12 +31,12 @@ Vorl::TransportHandle endedTransport() {
 }
 
 /// Before the first thread, so that no thread takes the signal in another way.
-Vorl::Descriptor holdSignal(int number) {
+Vorl::FileDescriptor holdSignal(int number) {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, number);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return Vorl::Descriptor(signalfd(-1, &signals, SFD_CLOEXEC));
+    return Vorl::FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
 class Relay {
@@ -45,7 +45,7 @@ public:
         : listening(listeningFd), socketPath(std::move(path)) {}
 
     [[noreturn]] void run() {
-        const Vorl::Descriptor endJobs = holdSignal(SIGUSR1);
+        const Vorl::FileDescriptor endJobs = holdSignal(SIGUSR1);
         pollfd entries[] = {{listening, POLLIN, 0}, {endJobs.get(), POLLIN, 0}};
         for (;;) {
             (void)poll(entries, 2, sweepMilliseconds);
@@ -62,11 +62,11 @@ public:
 
 private:
     void admit() {
-        Vorl::Descriptor client(Vorl::Socket::tcpAccept(listening));
+        Vorl::FileDescriptor client(Vorl::Socket::tcpAccept(listening));
         if (!client)
             return;
-        Vorl::setClientSocketPolicy(client.get(), settings);
-        Vorl::Descriptor local(Vorl::Socket::unixConnect(socketPath));
+        Vorl::setClientSocketOptions(client.get(), settings);
+        Vorl::FileDescriptor local(Vorl::Socket::unixConnect(socketPath));
         if (!local)
             return;
         jobs.emplace_back(client.get(), local.get(), "", "", endedTransport(), 0);
@@ -89,7 +89,7 @@ int main(int argc, char* argv[]) {
     }
     Vorl::proxyRunning = true;
     const auto port = static_cast<std::uint16_t>(std::atoi(argv[1]));
-    const Vorl::Descriptor listening(Vorl::Socket::tcpListen("0.0.0.0", port, backlog));
+    const Vorl::FileDescriptor listening(Vorl::Socket::tcpListen("0.0.0.0", port, backlog));
     if (!listening) {
         std::fprintf(stderr, "vorl_bench_relay: port %s is in use\n", argv[1]);
         return EXIT_FAILURE;

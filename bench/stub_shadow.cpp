@@ -4,7 +4,7 @@
 //
 // usage: vorl_bench_stub_shadow /ipc-socket:PATH [other arguments of a shadow server]
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 
 #include <chrono>
 #include <cstdint>
@@ -21,8 +21,8 @@ std::string stamp() {
     return std::to_string(now / std::chrono::microseconds(1));
 }
 
-Vorl::Descriptor listenOn(std::string_view path) {
-    Vorl::Descriptor listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+Vorl::FileDescriptor listenOn(std::string_view path) {
+    Vorl::FileDescriptor listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -39,9 +39,9 @@ int main(int argc, char* argv[]) {
     std::string times = stamp();
     if (argc < 2 || !std::string_view(argv[1]).starts_with(option))
         return 2;
-    const Vorl::Descriptor listening = listenOn(argv[1] + option.size());
+    const Vorl::FileDescriptor listening = listenOn(argv[1] + option.size());
     times += ' ' + stamp();
-    const Vorl::Descriptor client(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const Vorl::FileDescriptor client(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client)
         return 1;
     times += ' ' + stamp() + '\n';

@@ -24,9 +24,13 @@ say() {
     print_line "${EPOCHREALTIME/./}" demo "$1"
 }
 
+# Called by wait_until() before each look at its condition.
+on_wait() { show_events; }
+
 # show_events: prints what the bus and the journal have to say since the last call.
 show_events() {
     local time source text
+    [[ -v service_output || ! -v pids[service] ]] || exec {service_output}<"$work/service.log"
     while read -r time source text; do
         events+=("$text")
         print_line "$time" "$source" "$text"

@@ -1,8 +1,6 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with demo/run
 # The host that the daemon lives on: bus, journal and session service, and the daemon itself.
 
-session=7         # the session id
-second=3          # the second value of an allowance: it names the SAM file
 listen_timeout=30 # seconds
 
 start_bus() {
@@ -27,16 +25,9 @@ start_journal() {
 
 start_service() {
     stage service
-    mkfifo "$work/commands"
-    exec {commands}<>"$work/commands"
-    start_needed service "$build/vorl_demo_session" "$work/session.json" <"$work/commands"
-    exec {service_output}<"$work/service.log"
-    wait_until 20 seen "owning net.qarel.vorl" || fail "the session service is not on the bus"
+    start_session_service "$build/vorl_demo_session"
     reached "the session service is on the bus"
 }
-
-# command_service WORDS...: has the session service send a signal.
-command_service() { echo "$*" >&"$commands"; }
 
 start_daemon() {
     # Free a moment ago; should it be taken meanwhile, the stage "listener" fails.

@@ -1,15 +1,15 @@
-/// A session service in small: the other end of the bus interface that vorl_proxy
-/// (the daemon) is a client of. Take it as the start of your own.
+/// A small session service: it implements the bus interface that the daemon, vorl_proxy,
+/// calls. Use it as a starting point for your own.
 ///
 /// It owns the name net.qarel.vorl on the system bus, answers the daemon's calls, and
-/// sends the daemon signals on command. Everything happens on one thread, in one
-/// dispatcher that waits for the bus and for standard input alike.
+/// sends signals to the daemon on command. Everything happens on one thread, in one
+/// dispatcher that waits for both the bus and standard input.
 ///
-/// The commands, one a line; the end of the input ends the service:
+/// The commands, one per line; the service exits at the end of the input:
 ///     allow <session id> <second value>             let one client into the session
-///     timeout <seconds>                             how long a listener waits for it
+///     timeout <seconds>                             how long a listener waits for a client
 ///     disconnect <session id> <pid> <address>       end one relay of the session
-///     stopped                                       the service goes away; so does the daemon
+///     stopped                                       the service is about to exit: the daemon exits
 ///
 /// Each signal sent ("->") and each call received ("<-") is printed as one line that
 /// begins with the time, in microseconds since the epoch.
@@ -36,23 +36,23 @@ template<typename... Parts> void print(const Parts&... parts) {
     (std::cout << ... << parts) << std::endl;
 }
 
-/// The object /net/qarel/vorl. The dispatcher calls the methods; an exception other than
-/// DBus::Error must not leave one, since there is C code between it and the dispatcher.
+/// The object /net/qarel/vorl. The dispatcher calls the methods. No exception other than
+/// DBus::Error may leave them, because it would have to pass through C code.
 class SessionService : public net::qarel::vorl_adaptor,
                        public DBus::IntrospectableAdaptor,
                        public DBus::ObjectAdaptor {
 public:
-    /// @param file holds the JSON text that describes the session.
+    /// @param file contains the JSON text that describes the session
     SessionService(DBus::Connection& connection, std::string file)
         : DBus::ObjectAdaptor(connection, "/net/qarel/vorl"), descriptionFile(std::move(file)) {}
 
-    // Any text but an empty one tells the daemon that we are ready.
+    // Any non-empty text tells the daemon that we are ready.
     std::string vorlTest() override {
         print("<- vorlTest()");
         return "ready";
     }
 
-    // Asked for once each client. The file is read anew each time, so that it may change.
+    // Called once for each client. The file is read each time, so it may change.
     std::string vorlSessionInfoJson(const std::uint32_t& sessionId) override {
         print("<- vorlSessionInfoJson(session ", sessionId, ")");
         std::ostringstream text;
@@ -60,8 +60,8 @@ public:
             text << file.rdbuf();
         if (text.str().empty()) {
             print("   error reply: nothing to be read in ", descriptionFile);
-            // Becomes an error reply: the daemon logs it and lets the client go. The texts are
-            // literals because DBus::Error keeps no copy of them.
+            // Becomes an error reply: the daemon logs it and disconnects the client. The texts are
+            // literals because DBus::Error does not copy them.
             throw DBus::Error("net.qarel.vorl.NoDescription", "the session is not described");
         }
         return text.str();
@@ -75,7 +75,7 @@ public:
         print("<- proxyClientConnected(session ", sessionId, ", client ", address, ")");
     }
 
-    // The pid names the relay: keep it for the day when you want to end this one.
+    // The pid identifies the relay: store it, to be able to end the relay later.
     void proxySessionConnected(const std::uint32_t& sessionId, const std::uint32_t& pid,
                                const std::string& address) override {
         print("<- proxySessionConnected(session ", sessionId, ", shadow pid ", pid, ", client ",
@@ -112,7 +112,7 @@ private:
     std::string descriptionFile;
 };
 
-/// Hands each line of standard input to the service, and stops the dispatcher at its end.
+/// Passes each line of standard input to the service, and stops the dispatcher at end of input.
 class CommandInput {
 public:
     CommandInput(SessionService& sessionService, DBus::BusDispatcher& loop)
@@ -141,7 +141,7 @@ private:
     SessionService& service;
     DBus::BusDispatcher& dispatcher;
     DBus::DefaultWatch watch;
-    std::string pending; // the part of a line that has come so far
+    std::string pending; // the part of a line that has been read so far
 };
 
 } // namespace
@@ -156,7 +156,7 @@ int main(int argc, char** argv) {
         DBus::default_dispatcher = &dispatcher;
         DBus::Connection connection = DBus::Connection::SystemBus();
         SessionService service(connection, argv[1]);
-        // The name last: whoever sees it may call at once.
+        // Request the name last: whoever sees it may call at once.
         connection.request_name("net.qarel.vorl");
         print("owning net.qarel.vorl");
         CommandInput input(service, dispatcher);

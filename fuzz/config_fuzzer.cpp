@@ -1,4 +1,4 @@
-// The configuration file: strict reader and every typed getter, with any bytes in the file.
+// The configuration file with arbitrary bytes: the strict reader and every typed getter.
 #include "common/json_config.h"
 #include "logger"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// One file for the life of the process, in memory where /dev/shm is.
+/// One file for the lifetime of the process, in memory.
 const std::string& scratchFile() {
     static const std::string path = [] {
         std::string name = "/dev/shm/vorl_fuzz_XXXXXX";
@@ -29,7 +29,7 @@ const std::string& scratchFile() {
 template<typename Get> void tolerant(Get get) {
     try {
         get();
-    } catch (const Json::LogicError&) { // the documented answer to a value of another type
+    } catch (const Json::LogicError&) { // documented for a value of another type
     }
 }
 

@@ -1,5 +1,5 @@
-// stringReplace within its contract: a search text that is not empty and that no replacement can
-// bring back, because they have no character in common.
+// stringReplace within its contract: the search text is not empty, and no replacement can create it
+// again, because the two have no character in common.
 #include "common/strings.h"
 
 #include <cstdint>

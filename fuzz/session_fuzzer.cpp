@@ -1,9 +1,10 @@
-// The session description: any text from the bus, through arguments and environment of the shadow
-// server. The first half of the input (up to a NUL) is the template's second entry.
+// The session description: arbitrary text from the bus, turned into the shadow server's arguments
+// and environment. The input up to the first NUL is the second entry of the argument template.
 #include "common/error.h"
 #include "common/json_config.h"
 #include "logger"
-#include "proxy/transport_args.h"
+#include "proxy/transport/transport_args.h"
+#include "proxy/transport/transport_environment.h"
 
 #include <cstdint>
 #include <string>
@@ -21,11 +22,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string text = end == std::string::npos ? input : input.substr(end + 1);
     try {
         const Vorl::JsonConfigString session(text);
-        // A SAM path that cannot be opened: the file is not what is tried here.
+        // The SAM path cannot be opened: writing that file is not tested here.
         (void)Vorl::transportArguments(configuration, session, "/run/vorl/proxy_7_0", "/", true);
         (void)Vorl::transportEnvironment(configuration, session);
     } catch (const Json::Exception&) {  // not JSON, or a value of another type
-    } catch (const Vorl::vorl_error&) { // no object, or a value that holds its own placeholder
+    } catch (const Vorl::vorl_error&) { // no object, or a value that contains its own placeholder
     }
     return 0;
 }

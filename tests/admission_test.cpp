@@ -21,7 +21,7 @@ TEST_F(Admission, TakesOneAllowanceAtATime) {
     service->signalProxyAllowConnection(7, 1);
     EXPECT_TRUE(journal.saw({admit + "listen transport busy, session id: 8",
                              admit + "listen transport busy, session id: 7"}));
-    const Descriptor client = connectTo(port);
+    const FileDescriptor client = connectTo(port);
     EXPECT_TRUE(echoes(client));
     EXPECT_TRUE(echoes(open(8)));
     EXPECT_EQ(service.count("proxyListenStarted *"), 2u);

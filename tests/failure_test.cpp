@@ -82,7 +82,7 @@ TEST_F(Failure, OfACallLeavesNothingOpen) {
     service.answer("proxySessionConnected", Answer::Error); // the job stays
     expectFailure({"actionCreateTransport: session id: 7, create transfer job, *", toldSo});
     service.answer("proxySessionConnected", Answer::Reply);
-    Descriptor client = open(7); // must not get what was the first one's
+    FileDescriptor client = open(7); // must not get what was the first one's
     EXPECT_TRUE(echoes(client));
     EXPECT_NE(shadowPid(0), shadowPid(1));
     EXPECT_EQ(journal.count("JobTransfer: job stopped, *"), 0u);

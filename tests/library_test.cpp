@@ -48,10 +48,10 @@ TEST_F(Library, ALongSocketPathIsCutAndATextThatIsNoAddressRefused) {
     const std::string path = makeDirectory() / std::string(200, 'x');
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, 107);
-    const Descriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    const FileDescriptor listener(socket(AF_UNIX, SOCK_STREAM, 0));
     EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     EXPECT_EQ(listen(listener.get(), 1), 0);
-    EXPECT_TRUE(Descriptor(Socket::unixConnect(path)));
+    EXPECT_TRUE(FileDescriptor(Socket::unixConnect(path)));
     EXPECT_TRUE(journal.saw({"unixConnect: unix path is long, truncated to size: 107",
                              "unixConnect: path: " + path.substr(0, 107), "unixConnect: fd: *"}));
     EXPECT_EQ(Socket::tcpListen("localhost", 0, 1), -1); // the kernel would take it for a broadcast
@@ -61,7 +61,7 @@ TEST_F(Library, ALongSocketPathIsCutAndATextThatIsNoAddressRefused) {
 TEST_F(Library, OnlyInputIsReadiness) {
     EXPECT_FALSE(Utils::hasInput(-1, -1));
     EXPECT_EQ(Utils::hasData(-1), 0);
-    const Descriptor unconnected = boundSocket("127.0.0.1", 0);
+    const FileDescriptor unconnected = boundSocket("127.0.0.1", 0);
     EXPECT_FALSE(Utils::hasInput(unconnected.get(), 0)) << "reports a hang-up";
     EXPECT_THROW((void)Utils::hasData(open("/dev/null", O_RDONLY)), vorl_error);
 }

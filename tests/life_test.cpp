@@ -12,7 +12,7 @@ protected:
                     const std::vector<std::string>& messages) {
         for (const int number : {SIGTERM, SIGINT, 0}) {
             start(stub(mode));
-            const std::vector<Descriptor> clients = prepare();
+            const std::vector<FileDescriptor> clients = prepare();
             std::istringstream children(daemon.children());
             number == 0 ? service->signalVorlStopped() : daemon.process->signal(number);
             EXPECT_EQ(daemon.process->wait(), 0);
@@ -20,7 +20,7 @@ protected:
                 EXPECT_TRUE(journal.saw({message}));
             for (pid_t pid = 0; children >> pid;)
                 EXPECT_NE(kill(pid, 0), 0) << "a shadow server";
-            for (const Descriptor& client : clients)
+            for (const FileDescriptor& client : clients)
                 EXPECT_TRUE(ends(client));
         }
     }
@@ -35,12 +35,12 @@ protected:
 };
 
 TEST_F(Life, StopsAtEveryStage) {
-    std::vector<Descriptor> clients;
-    expectStop("echo", [] { return std::vector<Descriptor>(); }, {});
-    expectStop("echo", [this] { return allow(), std::vector<Descriptor>(); }, {});
+    std::vector<FileDescriptor> clients;
+    expectStop("echo", [] { return std::vector<FileDescriptor>(); }, {});
+    expectStop("echo", [this] { return allow(), std::vector<FileDescriptor>(); }, {});
     EXPECT_EQ(journal.count("actionCreateTransport: exception: *"), 0u);
     const auto launching = [this] {
-        std::vector<Descriptor> waiting;
+        std::vector<FileDescriptor> waiting;
         allow();
         waiting.push_back(connectTo(port));
         EXPECT_TRUE(journal.saw({"asyncWaitPid: added task, *"}));
@@ -49,7 +49,7 @@ TEST_F(Life, StopsAtEveryStage) {
     expectStop("never", launching,
                {"actionCreateTransport: exception: proxy stopped, session id: 7"});
     const auto relaying = [this] {
-        std::vector<Descriptor> open;
+        std::vector<FileDescriptor> open;
         open.push_back(DaemonTest::open(7));
         open.push_back(DaemonTest::open(8));
         return open;

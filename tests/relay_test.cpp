@@ -1,8 +1,8 @@
+#include "common/run_state.h"
 #include "fixtures/daemon_test.h"
 #include "logger"
-#include "proxy/globals.h"
-#include "proxy/job_transfer.h"
-#include "proxy/relay_step.h"
+#include "proxy/relay/job_transfer.h"
+#include "proxy/relay/relay_step.h"
 
 #include <random>
 
@@ -14,7 +14,7 @@ protected:
     template<typename Finish>
     void expectEnd(const std::string& mode, const std::string& text, Finish finish) {
         start(stub(mode));
-        Descriptor client = open();
+        FileDescriptor client = open();
         finish(client);
         EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 7, result: " + text,
                                  "JobTransferStopped: child ended, pid: *"}));
@@ -25,7 +25,7 @@ protected:
 
 TEST_F(Relay, CarriesEveryByteBothWaysAtOnce) {
     start();
-    const Descriptor client = open();
+    const FileDescriptor client = open();
     std::string sent, back;
     sent.resize(100'000'000);
     back.resize(sent.size());
@@ -42,17 +42,17 @@ TEST_F(Relay, CarriesEveryByteBothWaysAtOnce) {
 }
 
 TEST_F(Relay, TellsHowItEnded) {
-    expectEnd("echo", "recv end stream", [](Descriptor& client) { client.reset(); });
-    expectEnd("hangup", "recv end stream", [](Descriptor&) {});
-    expectEnd("echo", "recv error", [](Descriptor& client) {
+    expectEnd("echo", "recv end stream", [](FileDescriptor& client) { client.reset(); });
+    expectEnd("hangup", "recv end stream", [](FileDescriptor&) {});
+    expectEnd("echo", "recv error", [](FileDescriptor& client) {
         const linger reset{1, 0};
         setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
         client.reset();
     });
     EXPECT_TRUE(journal.saw({"jobTransferIter: recv failed, error: *, code: 104"}));
-    expectEnd("deaf", "send error", [](Descriptor& client) { send(client.get(), "x", 1, 0); });
+    expectEnd("deaf", "send error", [](FileDescriptor& client) { send(client.get(), "x", 1, 0); });
     EXPECT_TRUE(journal.saw({"jobTransferIter: send failed, error: Broken pipe, code: 32"}));
-    expectEnd("slow", "unknown", [this](Descriptor& client) {
+    expectEnd("slow", "unknown", [this](FileDescriptor& client) {
         service->signalSessionDisconnected(8, shadowPid(), "");
         service->signalSessionDisconnected(7, shadowPid() + 1, "");
         EXPECT_TRUE(journal.saw({"signalSessionDisconnected: session id: 7, *"}));
@@ -87,10 +87,10 @@ TEST_F(Relay, NothingStaysOfTwoHundredConnectionsAndOfEightAtOnce) {
     for (uint32_t session = 1; session <= 200; ++session)
         ASSERT_TRUE(echoes(open(session, session))) << session;
     EXPECT_TRUE(holds(before));
-    std::vector<Descriptor> clients;
+    std::vector<FileDescriptor> clients;
     for (uint32_t session = 1; session <= 8; ++session)
         clients.push_back(open(session, session));
-    for (const Descriptor& client : clients)
+    for (const FileDescriptor& client : clients)
         EXPECT_TRUE(
             echoes(client, std::string(100'000, static_cast<char>('a' + client.get() % 26))));
     clients.clear();

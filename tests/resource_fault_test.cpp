@@ -13,7 +13,7 @@ protected:
     void expectNothing(const std::string& message, const std::string& before) {
         journal.forget();
         service->signalProxyAllowConnection(7, 3);
-        const Descriptor client = connectTo(port, 1s); // there may be no listener
+        const FileDescriptor client = connectTo(port, 1s); // there may be no listener
         EXPECT_TRUE(journal.saw({message}));
         EXPECT_TRUE(!client || ends(client));
         // But for files, which the next connection overwrites.
@@ -120,7 +120,7 @@ TEST_F(ResourceFault, APortInUseCostsTheAllowanceAndOneDescriptor) {
     EXPECT_TRUE(journal.saw({"*: exception: session disconnected, *"}));
     const size_t before = daemon.descriptors();
     {
-        const Descriptor other = boundSocket("127.0.0.1", port);
+        const FileDescriptor other = boundSocket("127.0.0.1", port);
         listen(other.get(), 1);
         for (int i = 0; i < 500; ++i)
             allow();
@@ -174,7 +174,7 @@ TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
     const std::string before = idle();
     for (int i = 0; i < 20; ++i) {
         allow();
-        Descriptor client = connectTo(port);
+        FileDescriptor client = connectTo(port);
         const std::string noise(static_cast<size_t>(i) * 1000, static_cast<char>(i * 37));
         send(client.get(), noise.data(), noise.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         const linger reset{i % 2, 0};
@@ -187,7 +187,7 @@ TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {
 
 TEST_F(ResourceFault, AfterAKillTheNextDaemonWorks) {
     start();
-    const Descriptor client = open();
+    const FileDescriptor client = open();
     const pid_t orphan = static_cast<pid_t>(shadowPid());
     daemon.process->signal(SIGKILL);
     EXPECT_EQ(daemon.process->wait(), 128 + SIGKILL);

@@ -5,11 +5,11 @@ namespace VorlTest {
 class ServiceFault : public DaemonTest {
 protected:
     // Brings the daemon to a call of that method, which is not answered.
-    Descriptor reach(const std::string& method, Answer how) {
+    FileDescriptor reach(const std::string& method, Answer how) {
         service.answer(method, how);
         const size_t before = service.count(method + " *");
         service->signalProxyAllowConnection(7, 3);
-        Descriptor client;
+        FileDescriptor client;
         if (method != "proxyListenStarted")
             client = connectTo(port);
         EXPECT_TRUE(eventually([&] { return service.count(method + " *") > before; })) << method;
@@ -23,7 +23,7 @@ protected:
 
 TEST_F(ServiceFault, SignalsAreHandledWhileACallWaits) {
     start();
-    const Descriptor client = reach("vorlSessionInfoJson", Answer::Held);
+    const FileDescriptor client = reach("vorlSessionInfoJson", Answer::Held);
     for (uint32_t seconds = 1; seconds <= 100; ++seconds) {
         service->signalProxyListenTimeout(seconds);
         ASSERT_TRUE(journal.saw({"*: set timeout: " + std::to_string(seconds)}, 2s));
@@ -40,7 +40,7 @@ TEST_F(ServiceFault, SignalsAreHandledWhileACallWaits) {
 TEST_F(ServiceFault, NoUnansweredCallHoldsUpTheStop) {
     for (const std::string& method : acceptanceCalls) {
         start();
-        const Descriptor client = reach(method, Answer::Never);
+        const FileDescriptor client = reach(method, Answer::Never);
         if (method == "proxySessionConnected") // its handler waits for what the call holds
             service->signalSessionDisconnected(7, shadowPid(), "");
         daemon.process->signal(SIGTERM);
@@ -57,7 +57,7 @@ TEST_F(ServiceFault, NoUnansweredCallHoldsUpTheStop) {
 
 TEST_F(ServiceFault, NoSilentBusHoldsUpTheStop) {
     start();
-    const Descriptor client = open();
+    const FileDescriptor client = open();
     bus.daemon.signal(SIGSTOP);
     daemon.process->signal(SIGTERM);
     EXPECT_EQ(daemon.process->wait(6s), 0);
@@ -70,9 +70,9 @@ TEST_F(ServiceFault, NoSilentBusHoldsUpTheStop) {
 
 TEST_F(ServiceFault, ADisconnectDuringTheLastCallIsNotLostAndHoldsNothingUp) {
     start();
-    const Descriptor other = open(8, 8);
+    const FileDescriptor other = open(8, 8);
     const uint32_t otherShadow = shadowPid();
-    const Descriptor client = reach("proxySessionConnected", Answer::Held);
+    const FileDescriptor client = reach("proxySessionConnected", Answer::Held);
     service->signalSessionDisconnected(8, otherShadow, "");
     service->signalSessionDisconnected(7, shadowPid(), "");
     service->signalProxyListenTimeout(5);
@@ -84,7 +84,7 @@ TEST_F(ServiceFault, ADisconnectDuringTheLastCallIsNotLostAndHoldsNothingUp) {
 
 TEST_F(ServiceFault, TheServiceMayGoAndComeBack) {
     start();
-    const Descriptor client = open(7);
+    const FileDescriptor client = open(7);
     service.leave();
     service.comeBack();
     EXPECT_TRUE(echoes(client));
@@ -117,7 +117,7 @@ TEST_F(ServiceFault, SignalsThatDoNotFitAreIgnored) {
 TEST_F(ServiceFault, TheEndOfTheBusEndsTheDaemonInOrder) {
     for (const bool calling : {false, true}) {
         start();
-        const Descriptor client = open(7);
+        const FileDescriptor client = open(7);
         const pid_t shadowServer = static_cast<pid_t>(shadowPid());
         if (calling)
             reach("proxyListenStarted", Answer::Never);

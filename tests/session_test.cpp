@@ -9,9 +9,9 @@ class Session : public DaemonTest {
 protected:
     // An option of the daemon's socket.
     int option(int fd, int level, int name) {
-        const Descriptor process(
+        const FileDescriptor process(
             static_cast<int>(syscall(SYS_pidfd_open, daemon.process->pid(), 0)));
-        const Descriptor copy(static_cast<int>(syscall(SYS_pidfd_getfd, process.get(), fd, 0)));
+        const FileDescriptor copy(static_cast<int>(syscall(SYS_pidfd_getfd, process.get(), fd, 0)));
         int value = -1;
         socklen_t size = sizeof(value);
         getsockopt(copy.get(), level, name, &value, &size);
@@ -22,7 +22,7 @@ protected:
     std::string arguments(const std::string& settings, const std::string& session = "") {
         start(settings);
         describe(session);
-        const Descriptor client = open();
+        const FileDescriptor client = open();
         const std::string all = shadow("arguments");
         EXPECT_TRUE(all.starts_with(socket)) << all;
         stop();
@@ -39,7 +39,7 @@ TEST_F(Session, GoesFromTheAllowanceToTheRelayAndAway) {
     start(R"("kerberos:realm": "REALM", "check:domain": true, "transport:shm": true,
              "transport:fps": 0, "tcp:keepalive:retries": 4)");
     const std::string before = daemon.resources();
-    Descriptor client = open(7, 3);
+    FileDescriptor client = open(7, 3);
     EXPECT_TRUE(echoes(client));
     EXPECT_FALSE(connectTo(port, 0ms)) << "a second client";
     const std::string pid = shadow("Pid");
@@ -105,7 +105,7 @@ TEST_F(Session, GoesFromTheAllowanceToTheRelayAndAway) {
 
 TEST_F(Session, FilesOfOneSessionAreToldApartByTheOrdinal) {
     start();
-    Descriptor first = open(7, 3), second = open(7, 3);
+    FileDescriptor first = open(7, 3), second = open(7, 3);
     EXPECT_NE(shadowPid(0), shadowPid(1));
     for (const char* file : {"proxy_7_0", "sam_3_0", "proxy_7_1", "sam_3_1"})
         EXPECT_TRUE(exists(daemon.workDirectory / file)) << file;
@@ -176,7 +176,7 @@ TEST_F(Session, AMissingProgramIsLookedForInTheUsualPlaces) {
     for (const std::string& place : places)
         std::filesystem::copy(SHADOW_STUB, place);
     for (const std::string& place : places) {
-        const Descriptor client = open(place.size() & ~0U);
+        const FileDescriptor client = open(place.size() & ~0U);
         EXPECT_TRUE(
             journal.saw({"requestRdpTransport: rdp transport changed to: `" + place + "'"}));
         EXPECT_EQ(shadow("program"), place);

@@ -1,6 +1,6 @@
+#include "common/run_state.h"
 #include "fixtures/daemon_test.h"
-#include "proxy/globals.h"
-#include "proxy/job_transfer.h"
+#include "proxy/relay/job_transfer.h"
 
 #include <future>
 
@@ -11,7 +11,7 @@ namespace VorlTest {
 class ShadowFault : public DaemonTest {
 protected:
     // Waits until what comes in for a client that does not read has come to a stand.
-    static void expectFull(const Descriptor& client) {
+    static void expectFull(const FileDescriptor& client) {
         int now = 0, before = -1;
         EXPECT_TRUE(eventually([&] {
             before = std::exchange(now, before);
@@ -24,7 +24,7 @@ protected:
 
 TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
     start(stub("flood"));
-    const Descriptor first = open(7);
+    const FileDescriptor first = open(7);
     expectFull(first);
     service->signalSessionDisconnected(7, shadowPid(), "");
     service->signalProxyListenTimeout(1);
@@ -32,10 +32,10 @@ TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
         journal.saw({"JobTransferStopped: child ended, *", "signalProxyListenTimeout: *"}, 3s));
     service.answer("proxySessionConnected", Answer::Error); // lets the client go while it is full
     allow(7);
-    const Descriptor second = connectTo(port);
+    const FileDescriptor second = connectTo(port);
     EXPECT_TRUE(journal.saw({"actionCreateTransport: exception: as told, session id: 7"}));
     service.answer("proxySessionConnected", Answer::Reply);
-    const Descriptor third = open(8);
+    const FileDescriptor third = open(8);
     expectFull(third);
     daemon.process->signal(SIGTERM);
     EXPECT_EQ(daemon.process->wait(5s), 0);
@@ -45,7 +45,7 @@ TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
 TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
     start(stub("stubborn"));
     const std::string before = daemon.resources();
-    Descriptor client = open();
+    FileDescriptor client = open();
     client.reset();
     const std::vector<std::string> killed = {
         "JobTransferStopped: kill transport, pid: *",
@@ -54,7 +54,7 @@ TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
     EXPECT_TRUE(journal.saw(killed));
     EXPECT_TRUE(holds(before));
     journal.forget();
-    std::vector<Descriptor> clients;
+    std::vector<FileDescriptor> clients;
     for (uint32_t session = 1; session <= 4; ++session)
         clients.push_back(open(session, session));
     kill(static_cast<pid_t>(shadowPid()), SIGSTOP);
@@ -89,7 +89,7 @@ TEST_F(ShadowFault, OneThatRefusesDoesNotKeepTheDaemonFromStopping) {
 
 TEST_F(ShadowFault, AnEndIsSeenWhileTheOtherSideTakesNothing) {
     start(stub("mute"));
-    Descriptor client = open();
+    FileDescriptor client = open();
     const std::string piece(512, 'x');
     for (int i = 0; i < 150; ++i) { // more than the shadow server's socket takes, less than all do
         EXPECT_EQ(send(client.get(), piece.data(), piece.size(), MSG_NOSIGNAL), 512);
@@ -104,18 +104,18 @@ TEST(RelayJob, EndsWhileItsSendIsBlocked) {
     Journal journal;
     Vorl::proxyRunning = true;
     for (const bool dropped : {false, true}) {
-        const Descriptor listener = boundSocket("127.0.0.1", 0);
+        const FileDescriptor listener = boundSocket("127.0.0.1", 0);
         listen(listener.get(), 1);
         sockaddr_in address{};
         socklen_t size = sizeof(address);
         getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        Descriptor client = connectTo(ntohs(address.sin_port));
+        FileDescriptor client = connectTo(ntohs(address.sin_port));
         const int accepted = accept(listener.get(), nullptr, nullptr);
         const int small = 4096;
         setsockopt(accepted, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
         int local[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, local), 0);
-        const Descriptor shadowServer(local[1]);
+        const FileDescriptor shadowServer(local[1]);
         fcntl(local[1], F_SETFL, O_NONBLOCK);
         std::promise<int> ended;
         ended.set_value(0);

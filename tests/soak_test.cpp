@@ -36,8 +36,8 @@ protected:
 
 TEST_F(Soak, DISABLED_AThousandConnectionsWithAStub) {
     start(R"("debug:level": "none")");
-    expectNoGrowth(1000, [](const Descriptor& client) { return echoes(client); });
-    expectNoGrowth(1000, [](const Descriptor&) { return true; }); // connects and leaves
+    expectNoGrowth(1000, [](const FileDescriptor& client) { return echoes(client); });
+    expectNoGrowth(1000, [](const FileDescriptor&) { return true; }); // connects and leaves
 }
 
 TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
@@ -46,7 +46,7 @@ TEST_F(Soak, DISABLED_AHundredWithTheRealShadowServer) {
     describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
     start(R"("debug:level": "none", "x11rdp:path": "/usr/bin/freerdp-shadow-cli",
              "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"])");
-    expectNoGrowth(100, [](const Descriptor& client) {
+    expectNoGrowth(100, [](const FileDescriptor& client) {
         // A connection request that asks for TLS, and the start of its confirmation.
         const std::string request("\x03\0\0\x13\x0e\xe0\0\0\0\0\0\x01\0\x08\0\x01\0\0\0", 19);
         char answer[2]{};
@@ -60,14 +60,14 @@ TEST_F(Soak, DISABLED_EightBusyRelays) {
     ASSERT_NE(wanted, nullptr) << "is set by scripts/soak";
     const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(std::atoi(wanted));
     start(R"("debug:level": "none")");
-    std::vector<Descriptor> clients;
+    std::vector<FileDescriptor> clients;
     for (uint32_t session = 1; session <= 8; ++session)
         clients.push_back(open(session, session));
     const std::string frame(40'000, 'f');
     std::string before;
     long memoryBefore = 0;
     for (uint64_t frames = 0; std::chrono::steady_clock::now() < end; ++frames) {
-        for (const Descriptor& client : clients)
+        for (const FileDescriptor& client : clients)
             ASSERT_TRUE(echoes(client, frame)) << frames;
         if (frames == 1000) {
             before = daemon.resources();

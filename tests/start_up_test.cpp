@@ -72,7 +72,7 @@ TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
     daemon.workDirectory = home / ".vorl";
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
     EXPECT_TRUE(journal.saw({"start: started, *, uid: 4711"}));
-    const Descriptor client = open();
+    const FileDescriptor client = open();
     EXPECT_EQ(shadow("Uid") + shadow("Gid") + shadow("Groups"),
               "4711\t4711\t4711\t47114712\t4712\t4712\t47124712 4713 ");
     for (const char* entry : {"USER=vorl", "LOGNAME=vorl", "SHELL=/bin/vorlsh", "TERM=linux"})

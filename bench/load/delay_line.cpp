@@ -23,15 +23,15 @@ namespace Bench {
 namespace {
 
 using namespace std::chrono_literals;
-using Vorl::Descriptor;
+using Vorl::FileDescriptor;
 
 constexpr auto oneWay = 10ms;
 constexpr std::size_t queuedPackets = 40;        // 60 KB, as the routers of slow lines have them
 constexpr const char* farAddress = "198.18.0.2"; // RFC 2544: addresses for benchmarks
 constexpr const char* ownNamespace = "/proc/thread-self/ns/net";
 
-Descriptor openFile(const char* path, int flags) {
-    Descriptor file(open(path, flags | O_CLOEXEC));
+FileDescriptor openFile(const char* path, int flags) {
+    FileDescriptor file(open(path, flags | O_CLOEXEC));
     if (!file)
         failed(path);
     return file;
@@ -47,15 +47,15 @@ void setAddress(int control, ifreq request, unsigned long what, const char* addr
 }
 
 /// A TUN device of the calling thread's namespace.
-Descriptor openTun(const char* local, const char* peer) {
-    Descriptor tun = openFile("/dev/net/tun", O_RDWR | O_NONBLOCK);
+FileDescriptor openTun(const char* local, const char* peer) {
+    FileDescriptor tun = openFile("/dev/net/tun", O_RDWR | O_NONBLOCK);
     ifreq request{};
     std::strcpy(request.ifr_name, "line");
     request.ifr_flags = IFF_TUN | IFF_NO_PI;
     if (ioctl(tun.get(), TUNSETIFF, &request) < 0)
         failed("TUNSETIFF");
 
-    const Descriptor control(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const FileDescriptor control(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     setAddress(control.get(), request, SIOCSIFADDR, local);
     setAddress(control.get(), request, SIOCSIFDSTADDR, peer);
     request.ifr_flags = IFF_UP | IFF_RUNNING | IFF_POINTOPOINT;
@@ -121,11 +121,11 @@ DelayLine::~DelayLine() {
     pause(0.03); // the ends of the connections are still underway
 }
 
-Descriptor DelayLine::farSocket() const {
-    const Descriptor home = openFile(ownNamespace, O_RDONLY);
+FileDescriptor DelayLine::farSocket() const {
+    const FileDescriptor home = openFile(ownNamespace, O_RDONLY);
     if (setns(farNamespace.get(), CLONE_NEWNET) < 0)
         failed("setns");
-    Descriptor far(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    FileDescriptor far(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (setns(home.get(), CLONE_NEWNET) < 0)
         failed("setns");
     return far;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 
 #include <thread>
 
@@ -22,7 +22,7 @@ public:
     DelayLine& operator=(const DelayLine&) = delete;
 
     /// A TCP socket whose home is the far end.
-    [[nodiscard]] Vorl::Descriptor farSocket() const;
+    [[nodiscard]] Vorl::FileDescriptor farSocket() const;
 
     /// This side's address as the far end sees it.
     static constexpr const char* nearAddress = "198.18.0.1";
@@ -30,9 +30,9 @@ public:
 private:
     void carry(const std::stop_token& stop, double bytesPerSecond) const;
 
-    Vorl::Descriptor nearTun;
-    Vorl::Descriptor farTun;
-    Vorl::Descriptor farNamespace;
+    Vorl::FileDescriptor nearTun;
+    Vorl::FileDescriptor farTun;
+    Vorl::FileDescriptor farNamespace;
     std::jthread carrier;
 };
 

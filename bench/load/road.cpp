@@ -16,7 +16,7 @@ namespace Bench {
 
 namespace {
 
-using Vorl::Descriptor;
+using Vorl::FileDescriptor;
 
 constexpr int backlog = 128;
 constexpr int acceptMilliseconds = 10'000;
@@ -36,8 +36,8 @@ template<typename Address> void listenOn(int fd, const Address& address) {
         failed("listen");
 }
 
-Descriptor listenTcp(std::uint16_t port) {
-    Descriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+FileDescriptor listenTcp(std::uint16_t port) {
+    FileDescriptor fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int enable = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &enable, sizeof enable);
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &enable, sizeof enable); // for those accepted
@@ -45,8 +45,8 @@ Descriptor listenTcp(std::uint16_t port) {
     return fd;
 }
 
-Descriptor listenLocal(const std::string& path) {
-    Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+FileDescriptor listenLocal(const std::string& path) {
+    FileDescriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -63,7 +63,7 @@ Road::Road(std::uint16_t onPort, const std::string& socketPath)
 Connection Road::connect(const DelayLine* line) const {
     Connection result;
     result.client = line != nullptr ? line->farSocket()
-                                    : Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+                                    : FileDescriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int enable = 1; // as RDP clients do
     setsockopt(result.client.get(), IPPROTO_TCP, TCP_NODELAY, &enable, sizeof enable);
     const auto address = tcpAddress(line != nullptr ? DelayLine::nearAddress : "127.0.0.1", port);
@@ -74,7 +74,7 @@ Connection Road::connect(const DelayLine* line) const {
     pollfd entry{listening.get(), POLLIN, 0};
     if (poll(&entry, 1, acceptMilliseconds) <= 0)
         throw std::runtime_error("the relay has not connected to the shadow's socket");
-    result.shadow = Descriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    result.shadow = FileDescriptor(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!result.shadow)
         failed("accept");
     return result;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/descriptor.h"
+#include "common/file_descriptor.h"
 
 #include <cstdint>
 #include <string>
@@ -12,8 +12,8 @@ class DelayLine;
 
 /// Both ends of one relayed connection, as this process holds them. Blocking.
 struct Connection {
-    Vorl::Descriptor client;
-    Vorl::Descriptor shadow;
+    Vorl::FileDescriptor client;
+    Vorl::FileDescriptor shadow;
 };
 
 /// The shadow server's listening socket and the way to it: through the relay that listens on the
@@ -30,7 +30,7 @@ public:
 
 private:
     std::uint16_t port;
-    Vorl::Descriptor listening;
+    Vorl::FileDescriptor listening;
 };
 
 } // namespace Bench

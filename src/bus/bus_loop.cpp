@@ -9,9 +9,10 @@ namespace {
 
 using PrivatePart = DBus::RefPtrI<DBus::Connection::Private>;
 
-/// The library keeps a connection's private part to itself, and there is no other way to its queue
-/// of messages or to libdbus's handle. An explicit instantiation is the one place that may name a
-/// private member; the friend that it defines is declared again below, to be found by its name.
+/// Gives access to a private member of the connection: the library offers no other access to its
+/// message queue and to libdbus's handle. Only an explicit template instantiation may name a
+/// private member. The friend function that it defines is declared again below, so that name lookup
+/// finds it.
 template<PrivatePart DBus::Connection::*member> struct PrivateAccess {
     friend DBus::Connection::Private* privatePartOf(DBus::Connection& connection) {
         return (connection.*member).get();
@@ -27,28 +28,28 @@ constexpr int writeTurnMilliseconds = 2;
 
 void BusLoop::attach(DBus::Connection& connection) {
     queueEntry = privatePartOf(connection);
-    // libdbus's handle is the private part's first field in 0.9.0, the only version that the build
-    // takes and the last one there is.
+    // libdbus's handle is the first field of the private part in version 0.9.0, the last release
+    // and the only one that the build accepts.
     bus = *reinterpret_cast<DBusConnection**>(queueEntry);
 }
 
 void BusLoop::enter() {
     while (!stopping) {
-        // Unasked: messages that another thread has read were not announced to this one.
+        // Always: this thread is not notified of messages that another thread has read.
         queue_connection(queueEntry);
         dispatch_pending();
         if (!dbus_connection_get_is_connected(bus))
             return;
         waitForInput();
-        // Without waiting: when another thread is in a call, it reads for both of us.
+        // Does not block: while another thread is in a call, that thread reads for both.
         dbus_connection_read_write(bus, 0);
     }
 }
 
 void BusLoop::waitForInput() const {
     pollfd entry{-1, POLLIN, 0};
-    // Not for POLLOUT: while another thread is in a call, what is queued cannot be written here,
-    // and a socket with room would have the loop spin.
+    // Not POLLOUT: while another thread is in a call, this one cannot write queued messages, and a
+    // writable socket would make the loop spin.
     const int turn =
         dbus_connection_has_messages_to_send(bus) ? writeTurnMilliseconds : turnMilliseconds;
     if (dbus_connection_get_unix_fd(bus, &entry.fd))

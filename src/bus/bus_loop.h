@@ -7,32 +7,32 @@
 
 namespace Vorl {
 
-/// The bus dispatcher of a program whose threads call methods on the connection that the main
-/// thread takes its signals from.
+/// The bus dispatcher of a program in which other threads call methods on the connection whose
+/// signals the main thread handles.
 ///
-/// The library's own loop is not fit for that: a signal that a calling thread reads while it waits
-/// for its reply does not wake the loop and lies there for up to ten seconds; a leave() before
-/// enter() is lost; its lists of watches and timeouts can deadlock with a caller, and it takes
-/// time from the wall clock. This one leaves all reading and writing to libdbus, which knows how
-/// to share a connection between threads, and looks at the queue of messages at every turn.
+/// The library's own loop cannot do that: a signal that a calling thread reads while it waits for
+/// its reply does not wake the loop and stays unhandled for up to ten seconds; a leave() before
+/// enter() is lost; its lists of watches and timeouts can deadlock with a caller; and it measures
+/// time with the wall clock. This loop leaves all reading and writing to libdbus, which supports a
+/// connection that threads share, and checks the message queue at every turn.
 ///
-/// One connection for each loop. Use: make it DBus::default_dispatcher, open the connection,
-/// attach() it, enter().
+/// One connection per loop. To use it: make it DBus::default_dispatcher, open the connection,
+/// attach() it, and call enter().
 class BusLoop : public DBus::BusDispatcher {
 public:
-    /// Before enter(), by the thread that calls it. The connection outlives the loop's run.
+    /// Call it before enter(), on the same thread. The connection must outlive enter().
     void attach(DBus::Connection& connection);
 
-    /// Dispatches the connection's messages, each handled within about 50 ms, until leave() or
-    /// until the connection is lost. Handlers run on the calling thread, inside libdbus's C frames:
-    /// an exception must not leave one.
+    /// Dispatches the connection's messages, each within about 50 ms, until leave() is called or
+    /// the connection is lost. Handlers run on the calling thread and are called by C functions of
+    /// libdbus: they must not throw.
     void enter() override;
 
-    /// Ends enter() at its next turn, also one that comes later. Any thread.
+    /// Makes enter() return at its next turn, even if enter() is called only later. Any thread.
     void leave() override { stopping = true; }
 
-    /// Ends the connection under whatever call waits on it: the call throws DBus::Error within
-    /// moments instead of after its 25 seconds. Any thread, once attached.
+    /// Shuts the connection down even while calls wait on it: they throw DBus::Error at once
+    /// instead of after their timeout of 25 seconds. Any thread, once attached.
     void hangUp();
 
 private:

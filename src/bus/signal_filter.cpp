@@ -14,16 +14,8 @@ struct Signal {
     std::string_view types; // D-Bus type codes of the arguments in their order
 };
 
-// As in net.qarel.vorl.xml, from which the stubs are generated.
 constexpr Signal interfaceSignals[] = {
-    {"signalSessionShutdown", "u"},
-    {"signalSessionCreated", "u"},
-    {"signalSessionConnected", "uus"},
-    {"signalSessionDisconnected", "uus"},
-    {"signalProxyAllowConnection", "uu"},
-    {"signalProxyListenTimeout", "u"},
-    {"signalVorlStopped", ""},
-    {"signalTransportDisplaySwitchTo", "iis"},
+#include <interface_signals.inc> // generated from net.qarel.vorl.xml
 };
 
 bool beginsWithTypes(const DBus::Message& message, std::string_view types) {

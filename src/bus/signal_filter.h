@@ -6,12 +6,12 @@ namespace Vorl {
 
 /// Keeps signals with missing or wrong arguments from the generated stubs.
 ///
-/// A stub throws when an argument has another type than the interface says, inside libdbus's C
-/// frames, where no exception may pass; and any account that may send to the bus may send such a
-/// signal. The filter swallows it with a warning. Arguments after the expected ones are fine.
+/// A stub throws when an argument's type differs from the interface. C functions of libdbus call
+/// it, through which no exception may pass, and any account that may send on the bus can send such
+/// a signal. The filter drops the signal with a warning. Extra arguments are accepted.
 ///
-/// Filters run in the order in which they were added: make it before the proxy object, and let it
-/// outlive that.
+/// Filters run in the order in which they were added: create the filter before the proxy object,
+/// and destroy it after that.
 class SignalFilter {
 public:
     explicit SignalFilter(DBus::Connection& connection);
@@ -20,11 +20,11 @@ public:
     ~SignalFilter();
 
 private:
-    /// @return true when the message goes no further
+    /// @return true when the message must not be processed further
     bool swallows(const DBus::Message& message);
 
     DBus::Connection connection;
-    DBus::MessageSlot slot; // libdbus holds its address while the filter is in place
+    DBus::MessageSlot slot; // libdbus keeps its address while the filter is installed
 };
 
 } // namespace Vorl

@@ -25,12 +25,12 @@ std::vector<std::uint32_t> groupsOf(const passwd& entry) {
         return {};
     std::vector<std::uint32_t> groups(static_cast<std::size_t>(count), entry.pw_gid);
     getgrouplist(entry.pw_name, entry.pw_gid, groups.data(), &count);
-    // A group that came into being meanwhile must not become group 0.
+    // An entry for a group that was added between the calls must not become group 0.
     groups.resize(static_cast<std::size_t>(std::max(count, 0)), entry.pw_gid);
     return groups;
 }
 
-/// Room for one database entry, of the size that sysconf(3) names.
+/// A buffer for one database entry, of the size that sysconf(3) suggests.
 std::vector<char> entryBuffer(int sizeName) {
     constexpr long sizeWhenUnknown = 16384;
     const long size = sysconf(sizeName);
@@ -66,8 +66,7 @@ std::unique_ptr<UserInfo> getUserInfo(std::string_view name, bool withGroups) {
     if (getpwnam_r(name.data(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
         found != nullptr)
         return std::make_unique<UserInfo>(entry, withGroups);
-    // errno and not the call's result: an unknown account gives this line too, with whatever errno
-    // holds.
+    // Reports errno, not the call's result: for an unknown account, that is whatever errno holds.
     Syslog::warning("%s: %s failed, user: `%s', error: %s, code: %d", "getUserInfo", "getpwnam_r",
                     name.data(), strerror(errno), errno);
     return nullptr;
@@ -113,7 +112,7 @@ bool switchToUser(const UserInfo& account) {
     } else if (setgroups(account.groups.size(), account.groups.data()) < 0) {
         warnCallFailed("switchToUser", "setgroups");
     }
-    // Still under the old identity, which may enter directories that the account cannot.
+    // Before the switch, because the old identity may enter directories that the account cannot.
     if (chdir(account.home.c_str()) < 0)
         warnCallFailed("switchToUser", "chdir");
 
@@ -126,7 +125,7 @@ bool switchToUser(const UserInfo& account) {
         return false;
     }
 
-    // Called before any other thread exists: at start, or in a freshly forked child.
+    // setenv(3) is not thread-safe, but no other threads exist at start or in a forked child.
     setenv("USER", account.user.c_str(), 1);
     setenv("LOGNAME", account.user.c_str(), 1);
     setenv("HOME", account.home.c_str(), 1);

@@ -13,7 +13,7 @@
 
 namespace Vorl {
 
-/// An account of the system's user database. A field that the database leaves null is empty.
+/// An account from the system's user database. A null field of the database is empty here.
 struct UserInfo {
     /// @param withGroups also fill `groups`, by getgrouplist(3)
     UserInfo(const passwd& entry, bool withGroups);
@@ -27,7 +27,7 @@ struct UserInfo {
     std::uint32_t gid = 0;
 };
 
-/// A group of the system's group database.
+/// A group from the system's group database.
 struct GroupInfo {
     /// @param withMembers also fill `members`, in the entry's order
     GroupInfo(const group& entry, bool withMembers);
@@ -39,11 +39,12 @@ struct GroupInfo {
 
 namespace Utils {
 
-/// The account of that name, or null: at once for an empty name, after a warning for any failure,
-/// an unknown name included.
-/// @param name its characters end in a NUL
+/// The account with that name. Null without a message for an empty name, and after a warning for an
+/// unknown name or any failure.
+/// @param name must be NUL-terminated
 [[nodiscard]] std::unique_ptr<UserInfo> getUserInfo(std::string_view name, bool withGroups);
-/// The account's uid, or 0 when it is unknown: also the superuser's, so not a proof of either.
+/// The account's uid, or 0 when it is unknown. 0 is also root's uid: the result does not tell them
+/// apart.
 [[nodiscard]] std::uint32_t getUserUid(std::string_view name);
 
 /// As getUserInfo, for groups.
@@ -53,14 +54,15 @@ namespace Utils {
 /// The group's gid, or 0 when it is unknown.
 [[nodiscard]] std::uint32_t getGroupGid(std::string_view name);
 
-/// Makes the calling process the account's: groups, home directory, gid, uid and the environment's
-/// USER, LOGNAME, HOME, SHELL and TERM ("linux"). Nothing is changed for root.
-/// @return false after an error line when gid or uid could not be set; what was done until then
-///         stays (a failed setuid leaves the new gid in place). Failing groups or home directory
-///         only give a warning.
+/// Switches the calling process to the account: sets supplementary groups, current directory, gid,
+/// uid, and the environment variables USER, LOGNAME, HOME, SHELL and TERM ("linux"). Changes
+/// nothing if the account is root.
+/// @return false after an error line when gid or uid could not be set; earlier steps are not undone
+///         (a failed setuid leaves the new gid in place). If only groups or directory could not be
+///         set, there is a warning.
 bool switchToUser(const UserInfo& account);
 
-/// Gives a file to a user and a group (the user's primary group when the name is empty).
+/// Sets a file's owner and group (the user's primary group when the group name is empty).
 /// @return false when the user is unknown, or after an error line when chown(2) failed
 bool setOwner(const std::filesystem::path& path, std::string_view user, std::string_view group);
 

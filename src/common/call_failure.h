@@ -7,14 +7,15 @@
 
 namespace Vorl {
 
-/// Logs that a system call failed, with the text and number of the current errno, which is kept.
+/// Logs that a system call failed, with the text and number of the current errno, which it
+/// preserves.
 /// @param function the reporting function
 /// @param call the system call's name
 inline void logCallFailed(const char* function, const char* call) {
     Syslog::error("%s: %s failed, error: %s, code: %d", function, call, strerror(errno), errno);
 }
 
-/// The same for a failure that the caller can live with.
+/// Same, but as a warning, for failures that the caller tolerates.
 inline void warnCallFailed(const char* function, const char* call) {
     Syslog::warning("%s: %s failed, error: %s, code: %d", function, call, strerror(errno), errno);
 }

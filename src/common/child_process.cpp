@@ -53,7 +53,8 @@ ChildHandle runChildProcessBack(const std::filesystem::path& command,
                                 const std::list<std::string>& environment, const char* owner,
                                 const char* logFile) {
     const int pid = runChildProcess(command, arguments, environment, owner, logFile);
-    // The default policy on purpose: it falls back to a deferred task when there is no thread.
+    // Deliberately the default policy: it falls back to a deferred task if no thread can be
+    // created.
     return {pid, std::async(asyncWaitPid, pid)};
 }
 
@@ -61,7 +62,7 @@ bool runChildProcessWait(const std::filesystem::path& command,
                          const std::list<std::string>& arguments,
                          const std::list<std::string>& environment, const char* owner,
                          const char* logFile) {
-    // The failures carry another name than this function's: journal queries know them by it.
+    // Deliberately not this function's name: existing journal queries look for this one.
     constexpr const char* failureName = "sessionNotification";
     try {
         const int pid = runChildProcess(command, arguments, environment, owner, logFile);

@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* nullDevice = "/dev/null";
 
-[[noreturn]] void becomeFalse() {
+[[noreturn]] void execFalse() {
     execl("/bin/false", "/bin/false", nullptr);
     _exit(0);
 }
@@ -34,13 +34,13 @@ void resetSignals() {
 
 void switchToOwner(const UserInfo& owner) {
     if (!switchToUser(owner))
-        becomeFalse();
+        execFalse();
     Syslog::debug("%s: switched user: %s, current uid: %d, gid: %d", "runOwnerCommand",
                   owner.user.c_str(), getuid(), getgid());
 }
 
-/// The directory for the logs of an owner's programs, made when it is missing. Failures show when
-/// the file in it cannot be opened.
+/// The directory for the logs of an owner's programs, created if missing. Errors are ignored:
+/// opening the log file will fail then.
 std::filesystem::path ownerLogDirectory(const UserInfo& owner) {
     namespace fs = std::filesystem;
     std::error_code ignored;
@@ -64,14 +64,14 @@ std::string outputFile(const std::filesystem::path& command, const UserInfo* own
     return ownerLogDirectory(*owner) / command.filename().replace_extension(".log");
 }
 
-/// Has the kernel close everything but the three standard streams when the program starts. Not
-/// before: libsystemd keeps its journal socket open, and a failing execve must still be logged.
-/// And not one by one: the limit can be 10^8 and more, and a loop up to it lasts
-/// longer than the client waits.
+/// Marks all descriptors but the three standard streams close-on-exec. They stay open until execve,
+/// because a failing execve must still be logged through libsystemd's journal socket. One call
+/// instead of a loop: the descriptor limit can be 10^8 and more, and a loop over it takes longer
+/// than the client waits.
 void closeDescriptorsOnExec() {
     if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) < 0) {
         logCallFailed("runOwnerCommand", "close_range");
-        becomeFalse(); // a program that would inherit the connections of other users
+        execFalse(); // the program would inherit the connections of other users
     }
 }
 
@@ -94,9 +94,9 @@ void runOwnerCommand(const std::filesystem::path& command, const std::list<std::
     const std::vector<char*> argv = createARGV(command.native(), arguments);
     const std::vector<char*> envp = createENVP(environment);
     execve(command.c_str(), argv.data(), envp.data());
-    // Known to readers of the journal under this name, though the call is execve.
+    // Deliberately "execv", though the call is execve: log parsers expect this name.
     logCallFailed("runOwnerCommand", "execv");
-    becomeFalse();
+    execFalse();
 }
 
 std::vector<char*> createARGV(const std::string& first, const std::list<std::string>& arguments) {

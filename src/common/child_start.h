@@ -7,35 +7,35 @@
 #include <string>
 #include <vector>
 
-/// What happens in a freshly forked child between fork(2) and execve(2). The pointers in the
-/// vectors point into the caller's strings and into the process environment.
+/// The steps of a forked child between fork(2) and execve(2). The pointers in the returned vectors
+/// point into the caller's strings and into the process environment.
 namespace Vorl::Utils {
 
-/// Prepares the child and replaces it with the program: signals, account, output file,
-/// descriptors, arguments, environment. Runs only in the child and never returns: what cannot be
-/// started becomes /bin/false, so that the parent sees exit code 1.
+/// Sets the child's signals, account, output file and descriptors, then executes the program. Call
+/// it only in the child; it never returns. If the program cannot be executed, the child executes
+/// /bin/false, so that the parent sees exit code 1.
 ///
-/// @param environment NAME=value entries, put over the inherited environment by createENVP
+/// @param environment NAME=value entries that override the inherited environment, see createENVP
 /// @param owner the account to switch to when the process is root; null keeps the current one
-/// @param logFile receives standard output and error; null chooses /dev/null, or a file in the
-///                owner's directory for logs when there is an owner
+/// @param logFile receives standard output and error; null means /dev/null, or a file in the
+///                owner's log directory if there is an owner
 [[noreturn]] void runOwnerCommand(const std::filesystem::path& command,
                                   const std::list<std::string>& arguments,
                                   const std::list<std::string>& environment, const UserInfo* owner,
                                   const char* logFile);
 
-/// The first argument, the others in their order, and a null pointer.
+/// The first argument, the others in order, and a null pointer.
 [[nodiscard]] std::vector<char*> createARGV(const std::string& first,
                                             const std::list<std::string>& arguments);
 
-/// The process environment without what the session's entries replace, then the session's entries,
-/// then a null pointer. An inherited variable goes when a session entry *begins* with its name:
-/// FOOBAR=1 also displaces an inherited FOO. An inherited entry without "=" goes as well.
+/// The inherited variables that no session entry overrides, then the session's entries, then a null
+/// pointer. Deliberately, an inherited variable is dropped when a session entry *begins* with its
+/// name: FOOBAR=1 also drops an inherited FOO. An inherited entry without "=" is dropped as well.
 [[nodiscard]] std::vector<char*> createENVP(const std::list<std::string>& environment);
 
-/// Sends standard error and standard output to the file, which is created with mode 0640 or cut
-/// to nothing, and never followed when it is a link. A file that cannot be opened is replaced by
-/// /dev/null; if that fails too, the outputs stay as they are.
+/// Redirects standard output and standard error to the file, which is created with mode 0640 or
+/// truncated. A symbolic link is not followed. If the file cannot be opened, /dev/null is used
+/// instead; if that fails too, the outputs stay unchanged.
 void redirectOutputsFdTo(const std::string& path);
 
 } // namespace Vorl::Utils

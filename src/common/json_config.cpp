@@ -35,7 +35,7 @@ namespace Vorl {
 
 namespace {
 
-/// The library's error says what is wrong with a value, but not with which.
+/// Adds the key to the library's error message, which does not name it.
 template<typename Result>
 Result convert(const Json::Value& root, const std::string& key, const Result& fallback,
                Result (Json::Value::*conversion)() const) {
@@ -111,7 +111,7 @@ Json::Value readJson(const std::filesystem::path& path) {
     Syslog::info("%s: file: %s", "readJson", path.c_str());
     Json::Value root;
     std::error_code ignored;
-    // Opening a FIFO would wait for a writer, and the daemon with it.
+    // Opening a FIFO would block the daemon until there is a writer.
     std::ifstream file;
     if (!std::filesystem::is_fifo(path, ignored))
         file.open(path);
@@ -119,8 +119,8 @@ Json::Value readJson(const std::filesystem::path& path) {
         Syslog::error("%s: open failed, path: %s", "readJson", path.c_str());
         return root;
     }
-// The deprecated reader on purpose: its successor refuses more than strict mode does (a repeated
-// key, text after the root), which would turn away files that have worked so far.
+// Deliberately the deprecated reader: its successor rejects more than strict mode does (a repeated
+// key, text after the root), so files that have worked so far would be refused.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     Json::Reader reader(Json::Features::strictMode());

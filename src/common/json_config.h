@@ -13,9 +13,9 @@ namespace Vorl {
 /// One JSON object with typed getters that take a default: the configuration file, or a session
 /// description. Immutable after construction, so any thread may read it.
 ///
-/// Keys are flat: "listen:port" is the literal name of one member, the colon does not nest.
-/// A member that is present always wins over the default, even a null (0, "", 0.0 or false).
-/// A member that cannot be converted throws Json::LogicError, whose text names the key.
+/// Keys are flat: "listen:port" is the literal name of one member, the colon does not denote
+/// nesting. A member that is present always overrides the default, even a null (read as 0, "", 0.0
+/// or false). A member that cannot be converted throws Json::LogicError, whose text names the key.
 class JsonConfig {
 public:
     /// @param value an object (or null, which has no members)
@@ -24,7 +24,7 @@ public:
     JsonConfig& operator=(const JsonConfig&) = default;
     virtual ~JsonConfig() = default;
 
-    /// @param key its characters end in a NUL, as those of a literal do
+    /// @param key must be NUL-terminated, as a literal is
     [[nodiscard]] bool hasValue(std::string_view key) const;
     /// The names of all members, sorted.
     [[nodiscard]] std::vector<std::string> getKeys() const;
@@ -37,8 +37,8 @@ public:
     /// A copy of the member, or a null value when there is none.
     [[nodiscard]] Json::Value getValue(const std::string& key) const;
 
-    /// The texts of an array in its order; numbers become their decimal text. Empty when the member
-    /// is missing or no array: a lone string is not taken as a list of one.
+    /// The elements of an array as strings, in order; numbers are converted to decimal. Empty when
+    /// the member is missing or not an array: a single string does not count as a list.
     [[nodiscard]] std::list<std::string> getStringList(const std::string& key) const;
     [[nodiscard]] std::vector<std::string> getVectorList(const std::string& key) const;
 
@@ -46,17 +46,17 @@ protected:
     Json::Value root;
 };
 
-/// A JsonConfig from a text that came over the bus. Parsed leniently (comments are fine); a text
-/// that is not JSON throws Json::RuntimeError without a log line, and one that is no object throws
+/// A JsonConfig from a text received over the bus. Parsed leniently (comments are accepted). Text
+/// that is not JSON throws Json::RuntimeError without a log line; JSON that is not an object throws
 /// vorl_error("JsonConfigString") after an error line.
 class JsonConfigString : public JsonConfig {
 public:
     explicit JsonConfigString(const std::string& text);
 };
 
-/// Reads a configuration file in strict JSON (no comments; the root is an object or an array).
-/// A file that cannot be opened gives an error line and a null value; one that cannot be parsed
-/// gives an error line and what was understood until then. The caller checks that it is an object.
+/// Reads a configuration file in strict JSON (no comments; the root is an object or an array). If
+/// the file cannot be opened, logs an error and returns a null value. If it cannot be parsed, logs
+/// an error and returns the part parsed so far. The caller must check that the result is an object.
 [[nodiscard]] Json::Value readJson(const std::filesystem::path& path);
 
 } // namespace Vorl

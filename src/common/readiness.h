@@ -5,7 +5,7 @@ namespace Vorl::Utils {
 /// Waits until the descriptor has input: data, a pending connection, or end of stream.
 ///
 /// @param timeout milliseconds; 0 returns at once, a negative value waits without limit. A signal
-///                starts the wait again with the full time.
+///                restarts the wait with the full time.
 /// @return false on timeout, for a negative descriptor, and for one that reports only a hang-up or
 ///         an error
 /// @throws vorl_error("hasInput") after an error line when poll(2) fails

@@ -38,7 +38,7 @@ int tcpListen(std::string_view address, std::uint16_t port, int backlog) {
     const int enable = 1;
     if (const int result = setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &enable, sizeof enable);
         result < 0) {
-        // The code is the call's own -1, not errno: readers of the journal know the line so.
+        // Deliberately logs the call's result, -1, not errno: log parsers expect it.
         Syslog::warning("%s: socket reuseaddr failed, error: %s, code: %d", "tcpListen",
                         strerror(errno), result);
     }
@@ -51,8 +51,8 @@ int tcpListen(std::string_view address, std::uint16_t port, int backlog) {
     Syslog::debug("%s: bind addr: %s, port: %d", "tcpListen", address.data(), port);
     if (!bindTo(fd, local)) {
         logCallFailed("tcpListen", "bind");
-        // Deliberately not closed: the socket stays open for the life of the process, one for each
-        // failed bind, and nobody learns its number.
+        // Deliberately not closed: one socket per failed bind stays open for the lifetime of the
+        // process, and nobody knows its number.
         return -1;
     }
 

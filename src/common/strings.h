@@ -8,28 +8,28 @@
 
 namespace Vorl::Utils {
 
-/// All values written one after another into one text, in the stream's default format and without
-/// a separator. A null text puts the stream into its failed state: nothing after it is appended.
+/// Concatenates the values in the stream's default format, without a separator. A null C string
+/// puts the stream into its failed state: nothing after it is appended.
 template<typename... Values> [[nodiscard]] std::string joinString(const Values&... values) {
     std::ostringstream stream;
     (stream << ... << values);
     return stream.str();
 }
 
-/// The texts with ", " between them.
+/// The strings, separated by ", ".
 [[nodiscard]] std::string joinList(const std::list<std::string>& texts);
 
 /// The source with every occurrence of `search` replaced. Each search starts again at the first
-/// character, so an occurrence that only comes into being by a replacement is replaced as well.
-/// The caller sees to it that `search` is not empty and that `replacement` does not bring it back:
-/// otherwise this never ends.
+/// character, so an occurrence that a replacement creates is replaced as well. The caller must
+/// ensure that `search` is not empty and that no replacement creates it again: otherwise this never
+/// returns.
 [[nodiscard]] std::string stringReplace(const std::string& source, std::string_view search,
                                         std::string_view replacement);
-/// The same with the number's decimal text.
+/// Same, with the number in decimal.
 [[nodiscard]] std::string stringReplace(const std::string& source, std::string_view search,
                                         std::int32_t replacement);
 
-/// Byte by byte in the current locale: letters of more than one byte stay as they are.
+/// Converts byte by byte in the current locale: multi-byte letters stay unchanged.
 [[nodiscard]] std::string stringLower(std::string text);
 [[nodiscard]] std::string stringUpper(std::string text);
 

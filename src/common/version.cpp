@@ -5,11 +5,7 @@
 namespace Vorl {
 
 std::string productVersion(std::string_view name) {
-    constexpr int major = 2;
-    constexpr int minor = 1;
-    constexpr std::string_view patch = "5";
-    return Utils::joinString("VORL ", name, " v.", major, ".", minor, ".", patch, " ", "build(",
-                             VORL_BUILD_STAMP, ")");
+    return Utils::joinString("VORL ", name, " v.", VORL_VERSION, " build(", VORL_BUILD_STAMP, ")");
 }
 
 } // namespace Vorl

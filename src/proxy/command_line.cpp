@@ -23,7 +23,7 @@ std::optional<CommandLine> parseCommandLine(std::span<char*> arguments) {
 }
 
 std::string usageText(const std::string& program) {
-    // No blank after the program's name: scripts compare this line.
+    // Deliberately no space after the program's name: scripts compare this line.
     return "usage: " + program + "--background --config <path> --user <user>\n" +
            "manual: man vorl_proxy\n";
 }

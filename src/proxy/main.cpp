@@ -2,8 +2,8 @@
 #include "common/accounts.h"
 #include "logger"
 #include "proxy/command_line.h"
-#include "proxy/globals.h"
 #include "proxy/proxy_connection.h"
+#include "proxy/proxy_dispatcher.h"
 #include "proxy/termination_signals.h"
 
 #include <filesystem>
@@ -23,14 +23,14 @@ bool isPresent(const fs::path& path) {
     return fs::exists(fs::status(path, ignored));
 }
 
-/// Whatever goes wrong here, the daemon goes on as it is: the log has the reason.
+/// If the switch fails, the daemon continues under its current account; the log has the reason.
 void becomeUser(CommandLine& commandLine) {
     if (commandLine.user.empty() || getuid() != 0)
         return;
     const auto account = Utils::getUserInfo(commandLine.user, true);
     if (!account)
         return;
-    // The account's home directory becomes the current one, which is not where the file was found.
+    // Made absolute, because the switch makes the account's home directory the current directory.
     std::error_code ignored;
     if (const fs::path absolute = fs::absolute(commandLine.configPath, ignored); !ignored)
         commandLine.configPath = absolute;
@@ -43,14 +43,14 @@ void runProxy(DBus::Connection& connection, const std::string& configPath) {
     proxy.start();
 }
 
-/// Ends with the log, not with an exit status, which is 0 for every failure from here on.
+/// Only logs failures: the exit status is 0 for every failure from here on.
 void runAndReport(DBus::Connection& connection, const std::string& configPath) {
     try {
         runProxy(connection, configPath);
     } catch (const DBus::Error& failure) {
         Syslog::error("dbus error: %s", failure.what());
     } catch (const fs::filesystem_error& failure) {
-        // No blank after "path2:": the line is known to log readers so.
+        // Deliberately no space after "path2:": log parsers expect the line so.
         Syslog::error(
             "exception: what: `%s', path1: `%s', path2:`%s', code value: %d, code message: "
             "`%s', category name: `%s'",
@@ -82,10 +82,9 @@ int main(int argc, char** argv) {
     if (commandLine->background && fork() != 0)
         return 0;
 
-    holdTerminationSignals();
-    installTerminationHandlers(commandLine->background);
+    exitOnTerminationSignals(commandLine->background);
     DBus::default_dispatcher = &proxyDispatcher;
-    // Not caught: a daemon that never had a bus ends abnormally, and its service manager sees it.
+    // Deliberately not caught: without a bus the daemon aborts, which a service manager sees.
     DBus::Connection connection = DBus::Connection::SystemBus();
     proxyDispatcher.attach(connection);
     runAndReport(connection, commandLine->configPath);

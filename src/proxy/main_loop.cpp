@@ -1,10 +1,11 @@
+#include "common/run_state.h"
 #include "common/version.h"
-#include "proxy/globals.h"
 #include "proxy/proxy_connection.h"
+#include "proxy/proxy_dispatcher.h"
 #include "proxy/termination_signals.h"
 
 #include <chrono>
-#include <iterator>
+#include <optional>
 #include <thread>
 
 #include <sys/stat.h>
@@ -34,7 +35,7 @@ void ProxyConnection::start() {
 
     serviceManager.ready();
     proxyRunning = true;
-    deliverTerminationSignals();
+    stopOnTerminationSignals();
     std::thread periodic(&ProxyConnection::periodicTask, this);
     proxyDispatcher.enter();
     if (proxyRunning.exchange(false)) {
@@ -56,7 +57,7 @@ void ProxyConnection::periodicTask() {
                 reloadConfigWatcher();
             } catch (const std::exception& failure) {
                 Syslog::error("%s: exception: %s, configuration kept, check file: %s",
-                              "PeriodicTask", failure.what(), configPath.c_str());
+                              "PeriodicTask", failure.what(), config.path().c_str());
             }
             lastWatch = now;
         }
@@ -69,18 +70,11 @@ void ProxyConnection::periodicTask() {
 }
 
 bool ProxyConnection::sweepFinishedJobs() {
-    // Not to wait for: the acceptance task holds it during a bus call, and a stop must be noticed.
-    const std::unique_lock lock(jobsMutex, std::try_to_lock);
-    if (!lock)
+    const std::optional<std::size_t> left = jobs.sweep();
+    if (!left)
         return false;
-    removeDisconnected();
-    std::list<JobTransfer> finished =
-        takeJobs([](const JobTransfer& job) { return !job.isRunning(); });
-    for (const JobTransfer& job : finished)
-        Syslog::debug("%s: remove job, session id: %u", "PeriodicTask", job.session());
-    stopAll(finished);
-    serviceManager.showActivity(jobs.size(), accepting ? std::optional(listeningSessionId.load())
-                                                       : std::nullopt);
+    serviceManager.showActivity(*left, accepting ? std::optional(listeningSessionId.load())
+                                                 : std::nullopt);
     return true;
 }
 

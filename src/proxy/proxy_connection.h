@@ -1,34 +1,29 @@
 #pragma once
 
-#include "common/descriptor.h"
 #include "common/json_config.h"
+#include "common/transport_handle.h"
 #include "logger"
-#include "proxy/job_transfer.h"
+#include "proxy/config_file.h"
+#include "proxy/relay/job_list.h"
 #include "proxy/service_manager.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <filesystem>
-#include <functional>
 #include <future>
 #include <list>
-#include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
 
 #include <dbus-c++/dbus.h>
 #include <vorl_proxy.h>
 
 namespace Vorl {
 
+struct PendingConnection;
+
 /// The daemon's one central object: the client of the session service, the owner of the
 /// configuration, of the relay jobs and of the one listener that may be active at a time.
-///
-/// Its life is in main_loop.cpp; the way of one connection in admission.cpp, acceptance.cpp and
-/// transport_launch.cpp.
 class ProxyConnection : public Syslog,
                         public net::qarel::vorl_proxy,
                         public DBus::IntrospectableProxy,
@@ -81,69 +76,43 @@ public:
 private:
     // main_loop.cpp
     void periodicTask();
-    /// Removes ended and disconnected jobs. Periodic task, and acceptance task.
-    /// @return false when the list is in use elsewhere: try again at the next turn
+    /// @return false when the job list is in use: try again at the next turn
     bool sweepFinishedJobs();
 
-    // The rest under jobsMutex.
-    /// Removes the jobs that the session service has disconnected.
-    void removeDisconnected();
-    /// Takes the wanted jobs out of the list, in their order.
-    std::list<JobTransfer> takeJobs(const std::function<bool(const JobTransfer&)>& wanted);
-    /// Tells all to end before the first is waited for.
-    static void stopAll(std::list<JobTransfer>& list);
-
-    // admission.cpp
+    // allowance.cpp
     void launchAcceptance(std::uint32_t sessionId, std::uint32_t second);
     bool runAcceptance(std::uint32_t sessionId, std::uint32_t second);
 
-    // acceptance.cpp: on the acceptance task's thread
+    // connection_setup.cpp: on the acceptance task's thread
     bool actionCreateTransport(const std::uint32_t& sessionId, const std::uint32_t& second);
+    /// Tells the session service whether it could be opened. Empty when not.
+    FileDescriptor openListener(std::uint32_t sessionId);
+    /// @return false when no client came in time, after a cancel, or when the daemon stops
     bool waitForClient(int listeningFd, std::uint32_t sessionId) const;
-    struct Admission;
-    /// Starts the shadow server and the relay. On failure both sides are let go.
-    bool createJob(Admission& admission);
-    static void abandon(Admission& admission);
-    void registerJob(Admission& admission, Descriptor local);
-
-    // transport_launch.cpp: starts the shadow server for the session
+    /// Starts the shadow server and the relay. On failure client and shadow server are released.
+    bool createJob(PendingConnection& pending);
+    /// Starts the shadow server for the session.
     /// @throws vorl_error, DBus::Error or Json::Exception when it cannot be started
     [[nodiscard]] TransportHandle requestRdpTransport(const std::string& socketPath,
                                                       const std::string& samPath,
                                                       const std::uint32_t& sessionId,
                                                       std::uint64_t ordinal);
-
-    /// transportArguments() with the configuration in force.
     [[nodiscard]] std::list<std::string> prepareX11RdpArgs(const std::string& socketPath,
                                                            const std::string& samPath,
                                                            const JsonConfig& session,
                                                            bool builtIn) const;
+    void registerJob(PendingConnection& pending, FileDescriptor& local);
 
-    /// The configuration in force. A reload replaces it whole; who holds the old one keeps it.
-    [[nodiscard]] std::shared_ptr<const JsonConfig> configuration() const;
-
-    mutable std::mutex configMutex;           // guards the pointer below, never held with another
-    std::shared_ptr<const JsonConfig> config; // replaced by the periodic task
-
-    // Also held while jobs are destroyed, and while the session service is told of a new job.
-    mutable std::mutex jobsMutex;
-    std::list<JobTransfer> jobs; // under jobsMutex
-
-    std::mutex disconnectsMutex; // guards the list below; may be taken under jobsMutex
-    /// Session and shadow server of disconnects to be carried out, noted by the main thread.
-    std::list<std::pair<std::uint32_t, std::uint32_t>> disconnects;
-
-    const std::string configPath;
-    std::filesystem::path home;
-    std::atomic<std::time_t> configTime = 0; // last seen modification time; periodic task
-
+    ConfigFile config;
+    JobList jobs;
+    std::filesystem::path home; // set by the constructor
     /// The session whose listener is or was last active. Set by the main thread, back to 0 by the
     /// acceptance task when it returns normally.
     std::atomic<std::uint32_t> listeningSessionId = 0;
     std::atomic<bool> listenCancel = false; // main thread; polled by the acceptance task
     std::atomic<bool> accepting = false;    // an acceptance task runs; only shown in the status
-    std::future<bool> listener;             // the acceptance task; only the main thread
-    ServiceManager serviceManager;          // start(), then under jobsMutex
+    std::future<bool> listener;             // the acceptance task; main thread only
+    ServiceManager serviceManager;          // start(), then the periodic task
     std::atomic<std::uint32_t> serviceListenTimeout = 0; // main thread; read by the acceptance task
 };
 

@@ -7,20 +7,21 @@
 
 namespace Vorl {
 
-/// Tells the service manager how the daemon is, over sd_notify(3). Where the daemon was not started
-/// by one (NOTIFY_SOCKET is not set), nothing happens.
+/// Reports the daemon's state to the service manager, with sd_notify(3). Does nothing if the daemon
+/// was not started by one (NOTIFY_SOCKET is not set).
 class ServiceManager {
 public:
-    /// The daemon has started. Main thread, before the periodic task runs.
+    /// Reports that the daemon has started. Main thread, before the periodic task runs.
     void ready();
-    /// The daemon is about to end. Periodic task.
+    /// Reports that the daemon is stopping. Periodic task.
     void stopping();
-    /// The line that `systemctl status` shows. Sent only when it has changed. One thread at a time.
+    /// The line that `systemctl status` shows. Sent only when it has changed. ready(), then the
+    /// periodic task.
     /// @param listeningSession the session that a client is being admitted to, if any
     void showActivity(std::size_t relays, std::optional<std::uint32_t> listeningSession);
 
 private:
-    std::string shown; // what was sent last
+    std::string shown; // the line that was sent last
 };
 
 } // namespace Vorl

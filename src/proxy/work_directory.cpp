@@ -14,8 +14,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// Whether nobody else made it. True as well when it cannot be looked at: its first use fails then,
-/// with a reason.
+/// Whether it belongs to this account and is not a link. Also true if lstat(2) fails: the first use
+/// of the directory will fail then, and report the reason.
 bool isTrusted(const fs::path& directory) {
     struct stat status {};
     if (lstat(directory.c_str(), &status) < 0)
@@ -46,7 +46,7 @@ void makeWorkDirectory(const fs::path& home) {
                       "ProxyConnection", directory.c_str(), getuid());
         throw vorl_error("ProxyConnection");
     }
-    // Left by a start with a lax umask: others could plant files in it.
+    // A start with a permissive umask may have left these, and others could plant files.
     fs::permissions(directory, fs::perms::group_write | fs::perms::others_write,
                     fs::perm_options::remove);
 }

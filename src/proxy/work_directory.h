@@ -6,14 +6,14 @@ namespace Vorl {
 
 /// The daemon's home directory: the value of HOME, else /tmp.
 /// @throws vorl_error("ProxyConnection") after an error line when it does not exist
-/// @throws std::filesystem::filesystem_error when that cannot be found out
+/// @throws std::filesystem::filesystem_error when that cannot be determined
 [[nodiscard]] std::filesystem::path findHomeDirectory();
 
-/// The directory below the home directory that holds the shadow servers' sockets, SAM files and
-/// logs; made when it is missing. One that is a link or belongs to another account is refused:
-/// whoever made it could read and exchange the files in it.
+/// Creates the work directory if it is missing: the directory below the home directory that holds
+/// the shadow servers' sockets, SAM files and logs. Refuses one that is a link or belongs to
+/// another account, which could read and replace the files in it.
 /// @throws vorl_error("ProxyConnection") after an error line when it is refused
-/// @throws std::filesystem::filesystem_error when it cannot be made
+/// @throws std::filesystem::filesystem_error when it cannot be created
 void makeWorkDirectory(const std::filesystem::path& home);
 
 /// The work directory's path.

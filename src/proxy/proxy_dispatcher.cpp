@@ -1,0 +1,7 @@
+#include "proxy/proxy_dispatcher.h"
+
+namespace Vorl {
+
+BusLoop proxyDispatcher;
+
+} // namespace Vorl

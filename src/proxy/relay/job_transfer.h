@@ -1,0 +1,69 @@
+#pragma once
+
+#include "common/transport_handle.h"
+#include "proxy/relay/job_file.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Vorl {
+
+/// One live client connection. It owns the client's socket, the connected socket of the shadow
+/// server, the shadow server and the two files made for it, and runs the thread that copies bytes
+/// in both directions until either side closes. Can be neither copied nor moved.
+class JobTransfer {
+public:
+    /// Starts relaying at once.
+    ///
+    /// @param client the accepted client; takes ownership
+    /// @param local the connected socket of the shadow server; takes ownership
+    /// @param socketPath the shadow server's socket, removed at the end
+    /// @param samPath the shadow server's SAM file, removed at the end
+    /// @param shadowServer the shadow server; takes ownership
+    /// @throws std::system_error when no thread can be started; the caller keeps the ownership then
+    JobTransfer(int client, int local, const std::string& socketPath, const std::string& samPath,
+                TransportHandle&& shadowServer, std::uint32_t session);
+    JobTransfer(const JobTransfer&) = delete;
+    JobTransfer& operator=(const JobTransfer&) = delete;
+
+    /// Ends the relay and the shadow server and removes the files. Blocks until the shadow server
+    /// has exited, at most for the grace period of releaseTransport().
+    ~JobTransfer();
+
+    [[nodiscard]] std::uint32_t session() const { return sessionId; }
+    [[nodiscard]] std::uint32_t transportPid() const {
+        return static_cast<std::uint32_t>(transport.first);
+    }
+    /// False once the relay is over. Any thread.
+    [[nodiscard]] bool isRunning() const { return running; }
+
+    /// Tells relay and shadow server to end, without waiting for either. The destructor calls it if
+    /// necessary. To end several jobs, stop all of them before the first is destroyed: then their
+    /// grace periods run in parallel.
+    void stop();
+
+    /// Closes the client's connection without ending the relay. The descriptor's number stays in
+    /// use until the job ends: otherwise the next client could get it, and this relay would send
+    /// that client's bytes to this session's desktop.
+    void dropClient();
+
+private:
+    void relay();
+
+    const int socketFd;
+    const int unixFd;
+    const std::uint32_t sessionId;
+    std::atomic<bool> running = true; // cleared by the relay thread when it ends, and by stop()
+    std::thread thread;
+    const JobFile socketFile;
+    const JobFile samFile;
+    std::vector<std::uint8_t> buffer; // for both directions; relay thread only
+    TransportHandle transport;
+    std::chrono::steady_clock::time_point stopTime; // of stop(); owner only
+};
+
+} // namespace Vorl
