@@ -200,7 +200,8 @@ TEST_F(Library, AnOwnersProgramRunsAndLogsAsTheOwner) {
     EXPECT_TRUE(journal.saw({"switchToUser: setuid failed, *", "*: child ended, *exit code: 1"}));
     EXPECT_EQ(journal.count("switchToUser: chdir failed, *"), 0u);
     EXPECT_EQ(readFile(directory / "home/.vorl/sh.log"), "4713\n");
-    EXPECT_TRUE(run("nobody-known", "readlink /proc/$$/fd/1 /proc/$$/fd/2 > /tmp/outputs"));
+    EXPECT_TRUE(run("nobody-known",
+                    "x=$(readlink /proc/$$/fd/1 /proc/$$/fd/2); echo \"$x\" > /tmp/outputs"));
     EXPECT_EQ(readFile("/tmp/outputs"), "/dev/null\n/dev/null\n");
 }
 
