@@ -1,22 +1,19 @@
 // The daemon's relay without the daemon: a listener that takes any number of clients at any time,
-// gives each socket the daemon's policy and each connection a JobTransfer, and sweeps ended jobs as
-// the daemon does. SIGUSR1 ends all jobs, as a disconnect by the session service would.
+// gives each socket the daemon's options and each connection a job, and sweeps ended jobs as the
+// daemon does.
 
 #include "common/file_descriptor.h"
 #include "common/json_config.h"
+#include "common/run_state.h"
 #include "common/sockets.h"
 #include "proxy/relay/client_socket_options.h"
-#include "common/run_state.h"
-#include "proxy/relay/job_transfer.h"
+#include "proxy/relay/job_list.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <list>
 
 #include <poll.h>
-#include <sys/signalfd.h>
 
 namespace {
 
@@ -30,55 +27,16 @@ Vorl::TransportHandle endedTransport() {
     return {0, status.get_future()};
 }
 
-/// Before the first thread, so that no thread takes the signal in another way.
-Vorl::FileDescriptor holdSignal(int number) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, number);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    return Vorl::FileDescriptor(signalfd(-1, &signals, SFD_CLOEXEC));
-}
-
-class Relay {
-public:
-    Relay(int listeningFd, std::string path)
-        : listening(listeningFd), socketPath(std::move(path)) {}
-
-    [[noreturn]] void run() {
-        const Vorl::FileDescriptor endJobs = holdSignal(SIGUSR1);
-        pollfd entries[] = {{listening, POLLIN, 0}, {endJobs.get(), POLLIN, 0}};
-        for (;;) {
-            (void)poll(entries, 2, sweepMilliseconds);
-            if (entries[0].revents != 0)
-                admit();
-            if (entries[1].revents != 0) {
-                signalfd_siginfo ignored{};
-                (void)!::read(endJobs.get(), &ignored, sizeof ignored);
-                jobs.clear();
-            }
-            jobs.remove_if([](const Vorl::JobTransfer& job) { return !job.isRunning(); });
-        }
-    }
-
-private:
-    void admit() {
-        Vorl::FileDescriptor client(Vorl::Socket::tcpAccept(listening));
-        if (!client)
-            return;
-        Vorl::setClientSocketOptions(client.get(), settings);
-        Vorl::FileDescriptor local(Vorl::Socket::unixConnect(socketPath));
-        if (!local)
-            return;
-        jobs.emplace_back(client.get(), local.get(), "", "", endedTransport(), 0);
-        client.release();
-        local.release();
-    }
-
-    const int listening;
-    const std::string socketPath;
+void startJob(int listening, const std::string& socketPath, Vorl::JobList& jobs) {
+    Vorl::FileDescriptor client(Vorl::Socket::tcpAccept(listening));
+    Vorl::FileDescriptor local(Vorl::Socket::unixConnect(socketPath));
+    if (!client || !local)
+        return;
     const Vorl::JsonConfig settings{Json::objectValue}; // every key has its default
-    std::list<Vorl::JobTransfer> jobs;
-};
+    Vorl::setClientSocketOptions(client.get(), settings);
+    Vorl::TransportHandle transport = endedTransport();
+    jobs.add(client, local, "", "", transport, 0, [](const Vorl::JobTransfer&) {});
+}
 
 } // namespace
 
@@ -94,5 +52,11 @@ int main(int argc, char* argv[]) {
         std::fprintf(stderr, "vorl_bench_relay: port %s is in use\n", argv[1]);
         return EXIT_FAILURE;
     }
-    Relay(listening.get(), argv[2]).run();
+    Vorl::JobList jobs;
+    for (;;) {
+        pollfd entry{listening.get(), POLLIN, 0};
+        if (poll(&entry, 1, sweepMilliseconds) > 0)
+            startJob(listening.get(), argv[2], jobs);
+        (void)jobs.sweep();
+    }
 }

@@ -61,6 +61,7 @@ TEST_F(Failure, OfAShadowServerThatRefusesLetsTheClientGoAndWaitsForIt) {
     const std::string before = daemon.resources();
     expectFailure({"unixConnect: connect failed, error: Connection refused, code: 111",
                    "actionCreateTransport: transport not started, session id: 7"});
+    EXPECT_EQ(journal.count("unixConnect: connect failed, *"), 1u);
     EXPECT_EQ(journal.count("*child ended*"), 0u);
     service->signalProxyAllowConnection(8, 1);
     EXPECT_TRUE(journal.saw({"*: listen transport busy, session id: 8",

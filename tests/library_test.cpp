@@ -58,15 +58,12 @@ TEST_F(Library, TextsAreReplacedFromTheStartAgainAndAgain) {
 TEST_F(Library, SocketsAreOpenedAsTheirCallersRelyOn) {
     std::string address;
     const FileDescriptor listener(Socket::tcpListen("127.0.0.1", 0, 1));
-    sockaddr_in local{};
-    socklen_t size = sizeof(local);
-    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&local), &size);
     tcp_info info{};
-    size = sizeof(info);
+    socklen_t size = sizeof(info);
     getsockopt(listener.get(), IPPROTO_TCP, TCP_INFO, &info, &size);
     EXPECT_EQ(info.tcpi_sacked, 1u) << "is a listener's backlog";
     EXPECT_EQ(fcntl(listener.get(), F_GETFD), FD_CLOEXEC);
-    const FileDescriptor client = connectTo(ntohs(local.sin_port));
+    const FileDescriptor client = connectTo(portOf(listener));
     const FileDescriptor accepted(Socket::tcpAccept(listener.get(), &address));
     EXPECT_EQ(address, "127.0.0.5");
     EXPECT_EQ(fcntl(accepted.get(), F_GETFD), 0);

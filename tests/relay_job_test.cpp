@@ -25,18 +25,14 @@ class RelayJob : public testing::Test {
 protected:
     void SetUp() override {
         Vorl::Syslog::setDebugLevel(Vorl::DebugLevel::Debug);
-        Vorl::proxyRunning = true;
+        Vorl::startRunning();
         connectPair();
     }
 
     void connectPair() {
-        const FileDescriptor listener = boundSocket("127.0.0.1", 0);
-        listen(listener.get(), 1);
-        sockaddr_in address{};
-        socklen_t size = sizeof(address);
-        getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        client = connectTo(ntohs(address.sin_port));
-        socketFd = accept(listener.get(), nullptr, nullptr);
+        auto [connected, accepted] = tcpPair();
+        client = std::move(connected);
+        socketFd = accepted.release();
         int pair[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
         unixFd = pair[0];
@@ -49,7 +45,10 @@ protected:
         return {0, status.get_future()};
     }
 
-    void startJob() { job = std::make_unique<JobTransfer>(socketFd, unixFd, "", "", exited(), 7); }
+    void startJob() {
+        job = std::make_unique<JobTransfer>(socketFd, unixFd, Vorl::SocketFile(""),
+                                            Vorl::OwnedFile(""), exited(), 7);
+    }
 
     // Sends until nothing moves any more.
     static void flood(const FileDescriptor& fd) {
@@ -138,6 +137,14 @@ TEST_F(RelayJob, EndsWhileItsSendIsBlocked) {
     }
 }
 
+TEST_F(RelayJob, EndsAtOnceWithTheDaemon) {
+    startJob();
+    EXPECT_TRUE(Vorl::requestStop());
+    EXPECT_TRUE(ends(client)) << "without waiting for the job to be destroyed";
+    EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 7, result: unknown"}));
+    EXPECT_FALSE(Vorl::requestStop());
+}
+
 TEST_F(RelayJob, DropsItsClientWithoutADescriptorAsWell) {
     startJob();
     rlimit limit{};
@@ -211,9 +218,11 @@ TEST_F(RelayJob, AStepSendsEveryByteOnceWhateverInterruptsIt) {
 TEST_F(RelayJob, TheListIsLockedWhileTheServiceIsAsked) {
     Vorl::JobList jobs;
     FileDescriptor accepted(socketFd), local(unixFd);
+    Vorl::SocketFile socketFile("");
+    Vorl::OwnedFile samFile("");
     TransportHandle transport = exited();
     std::future<size_t> count;
-    jobs.add(accepted, local, "", "", transport, 7, [&](const JobTransfer&) {
+    jobs.add(accepted, local, socketFile, samFile, transport, 7, [&](const JobTransfer&) {
         std::async(std::launch::async, [&] {
             EXPECT_FALSE(jobs.sweep());
             jobs.disconnect(7, 0); // neither waits

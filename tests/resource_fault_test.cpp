@@ -4,6 +4,7 @@
 
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 namespace VorlTest {
 
@@ -150,9 +151,7 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
     std::ofstream(precious) << "kept";
     create_symlink(precious, daemon.workDirectory / "sam_3_0");
     create_symlink(precious, daemon.workDirectory / "rdp_transport_1000_0.log");
-    permissions(daemon.workDirectory, std::filesystem::perms(0777)); // by a start with a lax umask
     start();
-    EXPECT_EQ(status(daemon.workDirectory).permissions(), std::filesystem::perms(0755));
     {
         const FileDescriptor client = open();
         EXPECT_TRUE(echoes(client));
@@ -169,6 +168,53 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
     EXPECT_TRUE(echoes(open(9, 9)));
     EXPECT_EQ(readFile(precious), "kept");
     EXPECT_LT(file_size(daemon.workDirectory / "rdp_transport_2000_0.log"), 50'000u);
+}
+
+TEST_F(ResourceFault, TheWorkDirectoryIsClosedToOthers) {
+    const auto mode = [this] {
+        struct stat status {};
+        stat(daemon.workDirectory.c_str(), &status);
+        return status.st_mode & 07777;
+    };
+    const mode_t before = umask(0);
+    start();
+    umask(before);
+    EXPECT_EQ(mode(), 0700u) << "of a new one, whatever the umask";
+    stop();
+    ASSERT_EQ(chmod(daemon.workDirectory.c_str(), 02772), 0);
+    start();
+    EXPECT_EQ(mode(), 02750u);
+    EXPECT_TRUE(journal.saw({"ProxyConnection: work directory could be written by other accounts, "
+                             "no longer can, path: `*'"}));
+    stop();
+    start();
+    EXPECT_EQ(journal.count("*work directory*"), 0u) << "of one that needs no change";
+    stop();
+
+    const std::filesystem::path readOnly = daemon.workDirectory;
+    ASSERT_EQ(mount("none", readOnly.c_str(), "tmpfs", MS_RDONLY, "mode=755"), 0);
+    start(); // nothing to change
+    stop();
+    daemon.process.reset();
+    ASSERT_EQ(mount("none", readOnly.c_str(), "tmpfs", MS_REMOUNT, nullptr), 0);
+    ASSERT_EQ(chmod(readOnly.c_str(), 0777), 0);
+    ASSERT_EQ(mount("none", readOnly.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    journal.forget();
+    daemon.start();
+    EXPECT_EQ(daemon.process->wait(), 0);
+    EXPECT_TRUE(journal.saw({"ProxyConnection: work directory can be written by other accounts and "
+                             "cannot be changed: Read-only file system, remove it or choose "
+                             "another HOME, path: `*', uid: *",
+                             "exception: ProxyConnection"}));
+    daemon.process.reset();
+    umount2(readOnly.c_str(), MNT_DETACH);
+    if (!hasAllAccounts())
+        return;
+    ASSERT_EQ(chown(daemon.home.c_str(), 12345, 12345), 0);
+    start();
+    EXPECT_TRUE(journal.saw({"ProxyConnection: home belongs to another account, *, path: `*', "
+                             "owner: 12345, uid: *"},
+                            0ms));
 }
 
 TEST_F(ResourceFault, NothingHostileOnTheListenerCostsMoreThanItsAllowance) {

@@ -47,6 +47,18 @@ TEST_F(ServiceFault, SignalsAreHandledWhileACallWaits) {
     EXPECT_TRUE(echoes(client));
 }
 
+TEST_F(ServiceFault, TheDaemonStaysOnTheBusUntilItsShadowServersHaveEnded) {
+    start(stub("slow"));
+    const FileDescriptor client = open();
+    const pid_t shadowServer = static_cast<pid_t>(shadowPid());
+    DBus::Connection observer(bus.address.c_str());
+    observer.register_bus();
+    ASSERT_TRUE(observer.has_name(":1.1")) << "is the daemon, after the session service";
+    daemon.process->signal(SIGTERM);
+    ASSERT_TRUE(eventually([&] { return !observer.has_name(":1.1"); }));
+    EXPECT_NE(kill(shadowServer, 0), 0);
+}
+
 TEST_F(ServiceFault, NoSilentBusHoldsUpTheStop) {
     start();
     const FileDescriptor client = open();

@@ -1,6 +1,7 @@
 #include "fixtures/daemon_test.h"
 
 #include <netinet/tcp.h>
+#include <sys/stat.h>
 
 namespace VorlTest {
 
@@ -122,6 +123,28 @@ TEST_F(Session, AClientThatConnectsAgainAtOnceGetsTheNamesOfItsLastConnection) {
     }
     EXPECT_TRUE(echoes(open()));
     EXPECT_FALSE(exists(daemon.workDirectory / "rdp_transport_1000_1.log"));
+}
+
+TEST_F(Session, AJobRemovesTheSamFileThatItWroteAndItsSocket) {
+    start();
+    describe(R"("sec:nla": false, "sec:tls": true)");
+    FileDescriptor without = open(7, 3); // writes no SAM file
+    describe();
+    FileDescriptor with = open(8, 3); // has the same name for its own
+    without.reset();
+    EXPECT_TRUE(journal.saw({"JobTransferStopped: child ended, *"}));
+    EXPECT_TRUE(eventually([&] { return !exists(daemon.workDirectory / "proxy_7_0"); }));
+    EXPECT_TRUE(exists(sam));
+    std::filesystem::remove(daemon.workDirectory / "proxy_8_0");
+    EXPECT_EQ(mknod((daemon.workDirectory / "proxy_8_0").c_str(), S_IFSOCK | 0600, 0), 0);
+    with.reset();
+    EXPECT_TRUE(
+        eventually([&] { return !exists(sam) && !exists(daemon.workDirectory / "proxy_8_0"); }));
+    std::ofstream(sam) << "of somebody else";
+    describe(R"("sec:nla": false, "sec:tls": true)");
+    open(7, 3).reset();
+    EXPECT_TRUE(eventually([&] { return !exists(daemon.workDirectory / "proxy_7_0"); }));
+    EXPECT_EQ(readFile(sam), "of somebody else");
 }
 
 TEST_F(Session, TheArgumentsComeFromTheTemplateAndTheDescription) {

@@ -1,6 +1,7 @@
 #include "fixtures/daemon_test.h"
 
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 
 namespace VorlTest {
 
@@ -75,13 +76,34 @@ TEST_F(ShadowFault, OneThatEndsByItselfIsNotSignalled) {
     EXPECT_TRUE(holds(before));
 }
 
-TEST_F(ShadowFault, OneThatRefusesDoesNotKeepTheDaemonFromStopping) {
-    start(stub("refuse"));
-    allow();
-    EXPECT_TRUE(ends(connectTo(port)));
-    daemon.process->signal(SIGTERM);
-    EXPECT_EQ(daemon.process->wait(2500ms), 0) << "before the shadow server ends by itself";
-    EXPECT_TRUE(journal.saw({"*: transport not started, *", "*: child ended, *"}));
+TEST_F(ShadowFault, OneThatDoesNotAcceptDoesNotKeepTheDaemonFromStopping) {
+    for (const char* mode : {"refuse", "full"}) {
+        start(stub(mode));
+        allow();
+        const FileDescriptor client = connectTo(port);
+        EXPECT_TRUE(journal.saw({"unixConnect: path: *"}));
+        daemon.process->signal(SIGTERM);
+        EXPECT_EQ(daemon.process->wait(4s), 0) << mode;
+        EXPECT_TRUE(ends(client));
+        EXPECT_TRUE(journal.saw({"unixConnect: connect failed, *", "*: transport not started, *",
+                                 "*: child ended, *"}));
+    }
+}
+
+TEST_F(ShadowFault, AConnectThatSucceedsLateLeavesNoErrorLine) {
+    start(stub("late"));
+    ASSERT_TRUE(echoes(open(7))) << "though nobody listens on the socket for a second";
+    allow(8);
+    const FileDescriptor client = connectTo(port);
+    EXPECT_TRUE(journal.saw({"unixConnect: path: *", "unixConnect: path: *"}));
+    rlimit before{};
+    prlimit(daemon.process->pid(), RLIMIT_NOFILE, nullptr, &before);
+    const rlimit few{3, before.rlim_max};
+    ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+    EXPECT_FALSE(journal.saw({"*: transport not started, *"}, 1500ms));
+    ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
+    EXPECT_TRUE(echoes(client)) << "though there were no descriptors for a while";
+    EXPECT_EQ(journal.count("*failed*"), 0u);
 }
 
 } // namespace VorlTest

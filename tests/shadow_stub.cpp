@@ -3,6 +3,7 @@
 // a line, and then "ready" on standard error.
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -50,6 +51,19 @@ void serve(int fd, const std::string& mode) {
         pause();
 }
 
+// Makes a socket whose queue is full, under a name of its own until it is so.
+void listenWithFullQueue(const sockaddr_un& address) {
+    sockaddr_un own = address;
+    std::strcat(own.sun_path, "x");
+    const auto* name = reinterpret_cast<const sockaddr*>(&own);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (bind(listener, name, sizeof(own)) != 0 || listen(listener, 0) != 0 ||
+        connect(socket(AF_UNIX, SOCK_STREAM, 0), name, sizeof(own)) != 0 ||
+        std::rename(own.sun_path, address.sun_path) != 0)
+        abort();
+    pause();
+}
+
 } // namespace
 
 int main(int, char** argv) {
@@ -70,13 +84,17 @@ int main(int, char** argv) {
         std::signal(SIGTERM, [](int) { std::cout << "SIGTERM" << std::endl; });
     if (mode == "slow") // takes a second to go
         std::signal(SIGTERM, [](int) { alarm(1); });
+    if (mode == "full")
+        listenWithFullQueue(address);
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     if (mode == "never" || // no socket; nor where something else is in its place
         bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
         pause();
-    else if (mode == "refuse") // a socket, and no one listens
-        sleep(4);
-    else if (listen(listener, 1) == 0 && mode != "hangup")
+    else if (mode == "late" || mode == "refuse") // a socket, and no one listens
+        sleep(mode == "late" ? 1 : 7);
+    if (mode == "refuse")
+        return 4;
+    if (listen(listener, 1) == 0 && mode != "hangup")
         serve(accept(listener, nullptr, nullptr), mode);
     else // ends as soon as it is connected
         accept(listener, nullptr, nullptr);

@@ -1,6 +1,6 @@
 <?xml version="1.0"?>
-<!-- Makes a C++ initialiser for each signal of the bus interface: its name and the D-Bus type codes
-     of its arguments in their order. -->
+<!-- Writes a C++ initialiser for each signal of the bus interface: its name and the D-Bus type codes
+     of its arguments in order. -->
 <xsl:stylesheet version="1.0" xmlns:xsl="http://www.w3.org/1999/XSL/Transform">
   <xsl:output method="text"/>
   <xsl:template match="/">

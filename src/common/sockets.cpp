@@ -4,9 +4,12 @@
 #include "logger"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,14 +19,67 @@ namespace Vorl::Socket {
 
 namespace {
 
-/// Text that is no address has become the broadcast address: the kernel would bind it, and nobody
-/// could ever connect.
+/// Refuses INADDR_NONE, the result of inet_addr(3) for invalid text: it is the broadcast address,
+/// which the kernel would bind, but to which nobody could ever connect.
 bool bindTo(int fd, const sockaddr_in& local) {
     if (local.sin_addr.s_addr == INADDR_NONE) {
         errno = EADDRNOTAVAIL;
         return false;
     }
     return bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+}
+
+void closeKeepingErrno(int fd) {
+    const int savedErrno = errno;
+    close(fd);
+    errno = savedErrno;
+}
+
+/// The path's address; a path that is too long is truncated, with a warning.
+sockaddr_un unixAddress(std::string_view path) {
+    sockaddr_un peer{};
+    peer.sun_family = AF_UNIX;
+    constexpr std::size_t longest = sizeof peer.sun_path - 1;
+    if (path.size() > longest) {
+        Syslog::warning("%s: unix path is long, truncated to size: %d", "unixConnect",
+                        static_cast<int>(longest));
+    }
+    path.copy(peer.sun_path, longest);
+    Syslog::debug("%s: path: %s", "unixConnect", peer.sun_path);
+    return peer;
+}
+
+/// One attempt to connect, which neither blocks nor logs.
+struct Attempt {
+    int fd = -1;                  // blocking; -1 when the attempt failed
+    const char* failed = nullptr; // the call that failed
+    int error = 0;                // its errno
+};
+
+Attempt attemptConnect(const sockaddr_un& peer) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return {.failed = "socket", .error = errno};
+    const bool connected = connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0;
+    if (connected && fcntl(fd, F_SETFL, 0) == 0) // clears O_NONBLOCK
+        return {.fd = fd};
+    closeKeepingErrno(fd);
+    return {.failed = connected ? "fcntl" : "connect", .error = errno};
+}
+
+bool mayPass(int error) {
+    switch (error) {
+    case ECONNREFUSED: // bound, but not listening yet
+    case EAGAIN:       // the listener's queue is full
+    case EINTR:
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+        return true;
+    default:
+        return false;
+    }
 }
 
 } // namespace
@@ -58,9 +114,7 @@ int tcpListen(std::string_view address, std::uint16_t port, int backlog) {
 
     Syslog::debug("%s: listen: %d, conn: %d", "tcpListen", fd, backlog);
     if (listen(fd, backlog) < 0) {
-        const int listenErrno = errno;
-        close(fd);
-        errno = listenErrno;
+        closeKeepingErrno(fd);
         logCallFailed("tcpListen", "listen");
         return -1;
     }
@@ -94,25 +148,30 @@ int unixConnect(std::string_view path) {
         return -1;
     }
 
-    sockaddr_un peer{};
-    peer.sun_family = AF_UNIX;
-    constexpr std::size_t longest = sizeof peer.sun_path - 1;
-    if (path.size() > longest) {
-        Syslog::warning("%s: unix path is long, truncated to size: %d", "unixConnect",
-                        static_cast<int>(longest));
-    }
-    path.copy(peer.sun_path, longest);
-
-    Syslog::debug("%s: path: %s", "unixConnect", peer.sun_path);
+    const sockaddr_un peer = unixAddress(path);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) < 0) {
-        const int connectErrno = errno;
         logCallFailed("unixConnect", "connect");
-        close(fd);
-        errno = connectErrno;
+        closeKeepingErrno(fd);
         return -1;
     }
     Syslog::debug("%s: fd: %d", "unixConnect", fd);
     return fd;
+}
+
+int unixConnectWhile(std::string_view path, const std::function<bool()>& again) {
+    const sockaddr_un peer = unixAddress(path);
+    Attempt attempt = attemptConnect(peer);
+    while (attempt.fd < 0 && mayPass(attempt.error) && again()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        attempt = attemptConnect(peer);
+    }
+    if (attempt.fd < 0) {
+        errno = attempt.error;
+        logCallFailed("unixConnect", attempt.failed);
+        return -1;
+    }
+    Syslog::debug("%s: fd: %d", "unixConnect", attempt.fd);
+    return attempt.fd;
 }
 
 } // namespace Vorl::Socket

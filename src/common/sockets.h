@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -21,5 +22,10 @@ namespace Vorl::Socket {
 /// Connects to a local stream socket. The descriptor is not close-on-exec.
 /// @param path truncated to 107 bytes, with a warning, when it is longer (unix(7): sun_path)
 [[nodiscard]] int unixConnect(std::string_view path);
+
+/// Same, but never blocks, and tries again every millisecond while `again` returns true, if the
+/// failure may pass: nobody listens yet, the queue is full, or descriptors or memory are short.
+/// Only the last failure is logged.
+[[nodiscard]] int unixConnectWhile(std::string_view path, const std::function<bool()>& again);
 
 } // namespace Vorl::Socket

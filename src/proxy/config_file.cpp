@@ -10,7 +10,7 @@ namespace Vorl {
 
 namespace {
 
-/// @return null after an error line when the file does not hold a JSON object
+/// @return null after an error line when the file does not contain a JSON object
 std::shared_ptr<const JsonConfig> readObject(const std::string& path, const char* caller) {
     Json::Value root = readJson(path);
     if (root.isObject())
@@ -47,14 +47,14 @@ bool ConfigFile::reload() {
         return false;
     }
     const std::time_t last = modified.exchange(status.st_mtime);
-    // A file that does not parse is not tried again until it changes.
+    // A file that cannot be parsed is not read again until it changes.
     if (last == status.st_mtime || last == 0)
         return false;
 
     auto fresh = readObject(filePath, "reloadConfigWatcher");
     if (!fresh)
         return false;
-    // Before the swap: a level that is not a text leaves the old configuration in force.
+    // Before the swap: if the level is not a string, the old configuration stays in force.
     const std::string level = debugLevelOf(*fresh);
     {
         const std::scoped_lock lock(mutex);

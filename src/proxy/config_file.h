@@ -18,14 +18,15 @@ public:
     /// @throws vorl_error("ProxyConnection") after an error line when it is not a JSON object
     explicit ConfigFile(std::string filePath);
 
-    /// The configuration in force. A reload replaces it whole; who holds the old one keeps it.
+    /// The configuration in force. A reload replaces the whole object; a caller may keep the old
+    /// one.
     [[nodiscard]] std::shared_ptr<const JsonConfig> current() const;
 
     /// Reads the file again when its modification time has changed since the last call, and sets
-    /// the log level. The first call only records that time. A file that cannot be read or is not a
-    /// JSON object gives an error line and leaves the configuration as it is.
+    /// the log level. The first call only stores that time. If the file cannot be read or is not a
+    /// JSON object, logs an error and keeps the configuration.
     /// @return true when a new configuration is in force
-    /// @throws Json::LogicError when "debug:level" is not a text; the configuration stays as it is
+    /// @throws Json::LogicError when "debug:level" is not a string; the configuration is kept
     bool reload();
 
     /// Sets the log level from "debug:level".

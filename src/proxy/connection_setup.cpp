@@ -31,7 +31,7 @@ void logFailure(const char* reason, std::uint32_t sessionId) {
     Syslog::error("%s: exception: %s, session id: %u", function, reason, sessionId);
 }
 
-/// Lets the client go, and ends the shadow server if it was started.
+/// Disconnects the client, and ends the shadow server if it was started.
 void abandon(PendingConnection& pending) {
     pending.client.reset(); // before the wait for the shadow server
     if (!pending.transport.second.valid())
@@ -58,18 +58,20 @@ bool ProxyConnection::actionCreateTransport(const std::uint32_t& sessionId,
                   remoteAddress.c_str(), client.get());
     proxyClientConnected(sessionId, remoteAddress);
 
-    // The client of a connection that has just ended may be back already: that connection's shadow
-    // server removes its socket by name, which must not be the name of the new one.
+    // A client may have reconnected at once: the shadow server of its previous connection removes
+    // its socket by name, which must not be the name of the new one. So finish that connection
+    // first.
     jobs.sweep();
     const std::uint64_t ordinal = jobMultiSession(sessionId);
     const fs::path directory = workDirectory(home);
-    PendingConnection pending{sessionId,
-                              ordinal,
-                              directory / Utils::joinString("proxy_", sessionId, "_", ordinal),
-                              directory / Utils::joinString("sam_", second, "_", ordinal),
-                              remoteAddress,
-                              std::move(client),
-                              {}};
+    PendingConnection pending{
+        sessionId,
+        ordinal,
+        SocketFile(directory / Utils::joinString("proxy_", sessionId, "_", ordinal)),
+        OwnedFile(directory / Utils::joinString("sam_", second, "_", ordinal)),
+        remoteAddress,
+        std::move(client),
+        {}};
     return createJob(pending);
 }
 
@@ -109,14 +111,16 @@ bool ProxyConnection::waitForClient(int listeningFd, std::uint32_t sessionId) co
 
 bool ProxyConnection::createJob(PendingConnection& pending) {
     try {
-        removeStaleSocket(pending.socketPath);
-        pending.transport = requestRdpTransport(pending.socketPath, pending.samPath,
-                                                pending.sessionId, pending.ordinal);
-        if (!waitForTransportSocket(pending.socketPath, pending.sessionId)) {
+        const std::string& socketPath = pending.socketFile.path();
+        removeStaleSocket(socketPath);
+        pending.transport =
+            requestRdpTransport(socketPath, pending.samFile, pending.sessionId, pending.ordinal);
+        const auto deadline = Clock::now() + transportSocketLimit;
+        if (!waitForTransportSocket(socketPath, pending.sessionId, deadline)) {
             abandon(pending);
             return false;
         }
-        FileDescriptor local = connectToTransport(pending.socketPath);
+        FileDescriptor local = connectToTransport(socketPath, pending.transport, deadline);
         if (!local) {
             pending.client.reset();
             Syslog::error("%s: transport not started, session id: %u", function, pending.sessionId);
@@ -136,7 +140,7 @@ bool ProxyConnection::createJob(PendingConnection& pending) {
 }
 
 TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPath,
-                                                     const std::string& samPath,
+                                                     OwnedFile& samFile,
                                                      const std::uint32_t& sessionId,
                                                      std::uint64_t ordinal) {
     Syslog::info("%s: session id: %u", "requestRdpTransport", sessionId);
@@ -144,7 +148,7 @@ TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPa
     const auto settings = config.current();
     const std::string program = findTransportProgram(*settings);
     const TransportCommand command{
-        program, prepareX11RdpArgs(socketPath, samPath, session, isBuiltInTransport(program)),
+        program, prepareX11RdpArgs(socketPath, samFile, session, isBuiltInTransport(program)),
         transportEnvironment(*settings, session)};
     const std::string logName =
         Utils::joinString("rdp_transport_", session.getInteger("uid"), "_", ordinal, ".log");
@@ -153,16 +157,16 @@ TransportHandle ProxyConnection::requestRdpTransport(const std::string& socketPa
 }
 
 std::list<std::string> ProxyConnection::prepareX11RdpArgs(const std::string& socketPath,
-                                                          const std::string& samPath,
+                                                          OwnedFile& samFile,
                                                           const JsonConfig& session,
                                                           bool builtIn) const {
-    return transportArguments(*config.current(), session, socketPath, samPath, builtIn);
+    return transportArguments(*config.current(), session, socketPath, samFile, builtIn);
 }
 
 void ProxyConnection::registerJob(PendingConnection& pending, FileDescriptor& local) {
     const int socketFd = pending.client.get();
     const int unixFd = local.get();
-    jobs.add(pending.client, local, pending.socketPath, pending.samPath, pending.transport,
+    jobs.add(pending.client, local, pending.socketFile, pending.samFile, pending.transport,
              pending.sessionId, [&](const JobTransfer& job) {
                  Syslog::debug("%s: session id: %u, create transfer job, socket: %d, unix: %d",
                                function, pending.sessionId, socketFd, unixFd);

@@ -33,12 +33,12 @@ void ProxyConnection::start() {
     Syslog::notice("%s: started, version %s, pid: %d, uid: %d", "start",
                    productVersion("PROXY").c_str(), getpid(), getuid());
 
+    startRunning();
     serviceManager.ready();
-    proxyRunning = true;
     stopOnTerminationSignals();
     std::thread periodic(&ProxyConnection::periodicTask, this);
     proxyDispatcher.enter();
-    if (proxyRunning.exchange(false)) {
+    if (requestStop()) {
         Syslog::error("%s: connection to the system bus lost, stopping; the service manager should "
                       "start the daemon again",
                       "start");

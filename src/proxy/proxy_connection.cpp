@@ -14,7 +14,7 @@ namespace Vorl {
 namespace {
 
 /// How long a stop waits for the answer to a bus call before it shuts the bus connection down.
-constexpr std::chrono::seconds answerGrace{2};
+constexpr std::chrono::seconds answerGrace{5};
 
 } // namespace
 
@@ -27,15 +27,17 @@ ProxyConnection::ProxyConnection(DBus::Connection& connection, const std::string
 }
 
 ProxyConnection::~ProxyConnection() {
-    proxyRunning = false;
+    requestStop();
     listenCancel = true;
     // During a bus call the acceptance task checks neither flag, and an answer may take 25 seconds.
-    if (listener.valid())
-        listener.wait_for(answerGrace);
-    // So may each call with which the bus library removes its match rules.
-    proxyDispatcher.hangUp();
-    if (listener.valid())
+    if (listener.valid() && listener.wait_for(answerGrace) != std::future_status::ready) {
+        proxyDispatcher.hangUp();
         listener.wait();
+    }
+    // While the daemon is seen on the bus, its shadow servers may live; afterwards none does.
+    jobs.clear();
+    // Each call with which the bus library removes its match rules may take 25 seconds as well.
+    proxyDispatcher.hangUp();
 }
 
 bool ProxyConnection::reloadConfigWatcher() {
@@ -58,7 +60,7 @@ void ProxyConnection::signalProxyListenTimeout(const std::uint32_t& seconds) {
 
 void ProxyConnection::signalVorlStopped() {
     Syslog::notice("%s, pid: %d", "signalVorlStopped", getpid());
-    proxyRunning = false;
+    requestStop();
 }
 
 void ProxyConnection::signalSessionDisconnected(const std::uint32_t& sessionId,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/json_config.h"
+#include "common/owned_file.h"
 #include "common/transport_handle.h"
 #include "logger"
 #include "proxy/config_file.h"
@@ -22,17 +23,17 @@ namespace Vorl {
 
 struct PendingConnection;
 
-/// The daemon's one central object: the client of the session service, the owner of the
-/// configuration, of the relay jobs and of the one listener that may be active at a time.
+/// The daemon's central object: the bus client of the session service. Owns the configuration, the
+/// relay jobs and the acceptance task.
 class ProxyConnection : public Syslog,
                         public net::qarel::vorl_proxy,
                         public DBus::IntrospectableProxy,
                         public DBus::ObjectProxy {
 public:
     /// @param configFile a strict JSON file; watched from start() on
-    /// @throws vorl_error("ProxyConnection") after an error line: the configuration is no JSON
+    /// @throws vorl_error("ProxyConnection") after an error line: the configuration is not a JSON
     ///         object, the home directory is missing, or the work directory cannot be trusted
-    /// @throws std::filesystem::filesystem_error the work directory cannot be made
+    /// @throws std::filesystem::filesystem_error the work directory cannot be created
     ProxyConnection(DBus::Connection& connection, const std::string& configFile,
                     const char* objectPath, const char* busName);
     ProxyConnection(const ProxyConnection&) = delete;
@@ -41,7 +42,7 @@ public:
     /// Ends the listener, waits for it, and ends every relay with its shadow server.
     ~ProxyConnection() override;
 
-    // Bus signals: main thread, inside libdbus's C frames. No exception leaves them.
+    // Bus signals: main thread, called by C functions of libdbus. They must not throw.
     void signalSessionCreated(const std::uint32_t& /*sessionId*/) override {}
     void signalSessionConnected(const std::uint32_t& /*first*/, const std::uint32_t& /*second*/,
                                 const std::string& /*text*/) override {}
@@ -49,10 +50,10 @@ public:
     void signalTransportDisplaySwitchTo(const std::int32_t& /*first*/,
                                         const std::int32_t& /*second*/,
                                         const std::string& /*text*/) override {}
-    /// Ends the session's relay with that shadow server, and a listener that waits for the session.
+    /// Ends the session's relay with that shadow server, and cancels a listener for the session.
     void signalSessionDisconnected(const std::uint32_t& sessionId, const std::uint32_t& pid,
                                    const std::string& remoteAddress) override;
-    /// Admits one client, unless another is still being waited for: then the allowance is dropped.
+    /// Starts an acceptance task for one client, unless the previous task is still running.
     void signalProxyAllowConnection(const std::uint32_t& sessionId,
                                     const std::uint32_t& second) override;
     void signalProxyListenTimeout(const std::uint32_t& seconds) override;
@@ -67,10 +68,10 @@ public:
     /// @return true when a new configuration is in force
     bool reloadConfigWatcher();
 
-    /// Seconds: the larger of what the configuration and the session service want.
+    /// In seconds: the larger of the configured value and the session service's.
     [[nodiscard]] std::uint32_t currentListenTimeout() const;
 
-    /// The number of the session's relays, ended ones that were not swept yet included.
+    /// The number of the session's relays, including ended ones that have not been swept yet.
     [[nodiscard]] std::size_t jobMultiSession(const std::uint32_t& sessionId) const;
 
 private:
@@ -85,20 +86,20 @@ private:
 
     // connection_setup.cpp: on the acceptance task's thread
     bool actionCreateTransport(const std::uint32_t& sessionId, const std::uint32_t& second);
-    /// Tells the session service whether it could be opened. Empty when not.
+    /// Reports the result to the session service. Empty if the listener could not be opened.
     FileDescriptor openListener(std::uint32_t sessionId);
-    /// @return false when no client came in time, after a cancel, or when the daemon stops
+    /// @return false when no client connects in time, after a cancel, or when the daemon stops
     bool waitForClient(int listeningFd, std::uint32_t sessionId) const;
     /// Starts the shadow server and the relay. On failure client and shadow server are released.
     bool createJob(PendingConnection& pending);
     /// Starts the shadow server for the session.
     /// @throws vorl_error, DBus::Error or Json::Exception when it cannot be started
     [[nodiscard]] TransportHandle requestRdpTransport(const std::string& socketPath,
-                                                      const std::string& samPath,
+                                                      OwnedFile& samFile,
                                                       const std::uint32_t& sessionId,
                                                       std::uint64_t ordinal);
     [[nodiscard]] std::list<std::string> prepareX11RdpArgs(const std::string& socketPath,
-                                                           const std::string& samPath,
+                                                           OwnedFile& samFile,
                                                            const JsonConfig& session,
                                                            bool builtIn) const;
     void registerJob(PendingConnection& pending, FileDescriptor& local);

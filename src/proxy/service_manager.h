@@ -15,8 +15,8 @@ public:
     void ready();
     /// Reports that the daemon is stopping. Periodic task.
     void stopping();
-    /// The line that `systemctl status` shows. Sent only when it has changed. ready(), then the
-    /// periodic task.
+    /// Sets the line that `systemctl status` shows. Sent only when it has changed. Called by
+    /// ready(), then by the periodic task.
     /// @param listeningSession the session that a client is being admitted to, if any
     void showActivity(std::size_t relays, std::optional<std::uint32_t> listeningSession);
 

@@ -15,7 +15,7 @@ void exitAtOnce(int /*signal*/) {
 }
 
 void signalHandler(int /*signal*/) {
-    proxyRunning = false;
+    requestStop();
 }
 
 bool isIgnored(int number) {

@@ -7,8 +7,8 @@ namespace Vorl {
 /// SIGINT is ignored: Ctrl-C in the terminal that started the daemon is not meant for it.
 void exitOnTerminationSignals(bool background);
 
-/// From now on the same signals clear proxyRunning. Main thread, once proxyRunning has been set:
-/// that store would overwrite what a handler did before it.
+/// From now on the same signals call requestStop(). Main thread, after startRunning(): in the other
+/// order that could set proxyRunning again after a signal has cleared it.
 void stopOnTerminationSignals();
 
 } // namespace Vorl

@@ -9,7 +9,7 @@ namespace Vorl {
 
 namespace {
 
-/// Tells all to end before the first is waited for.
+/// Tells all jobs to end, before the first one is waited for.
 void stopAll(std::list<JobTransfer>& jobs) {
     for (JobTransfer& job : jobs)
         job.stop();
@@ -17,24 +17,21 @@ void stopAll(std::list<JobTransfer>& jobs) {
 
 } // namespace
 
-JobList::~JobList() {
-    stopAll(jobs);
-}
-
-void JobList::add(FileDescriptor& client, FileDescriptor& local, const std::string& socketPath,
-                  const std::string& samPath, TransportHandle& transport, std::uint32_t session,
+void JobList::add(FileDescriptor& client, FileDescriptor& local, SocketFile& socketFile,
+                  OwnedFile& samFile, TransportHandle& transport, std::uint32_t session,
                   const std::function<void(const JobTransfer&)>& confirm) {
     const std::scoped_lock lock(mutex);
-    JobTransfer& job = jobs.emplace_back(client.get(), local.get(), socketPath, samPath,
-                                         std::move(transport), session);
+    JobTransfer& job = jobs.emplace_back(client.get(), local.get(), std::move(socketFile),
+                                         std::move(samFile), std::move(transport), session);
     (void)client.release();
     (void)local.release();
     try {
         confirm(job);
     } catch (...) {
-        // The session service does not know the connection: the client goes, the job stays until
-        // its relay ends or the service disconnects the session. Still under the lock: a moment
-        // later the job could be swept, and its descriptor's number be somebody else's.
+        // The session service has not confirmed the connection: the client is disconnected, and the
+        // job stays until its relay ends or the session service disconnects the session. Still
+        // under the lock: otherwise the job could be swept, and its descriptor's number reused,
+        // meanwhile.
         job.dropClient();
         throw;
     }
@@ -60,11 +57,17 @@ std::optional<std::size_t> JobList::sweep() {
         return std::nullopt;
     removeDisconnected();
     std::list<JobTransfer> ended = take([](const JobTransfer& job) { return !job.isRunning(); });
-    // Known to readers of the journal under the name of the task that usually sweeps.
+    // Deliberately the name of the task that usually sweeps: log parsers expect it.
     for (const JobTransfer& job : ended)
         Syslog::debug("%s: remove job, session id: %u", "PeriodicTask", job.session());
     stopAll(ended);
     return jobs.size();
+}
+
+void JobList::clear() {
+    const std::scoped_lock lock(mutex);
+    stopAll(jobs);
+    jobs.clear();
 }
 
 void JobList::removeDisconnected() {

@@ -16,27 +16,26 @@ namespace Vorl {
 
 /// The daemon's relay jobs. Any thread may call.
 ///
-/// Jobs are destroyed under the list's lock: whoever counts them afterwards knows that the shadow
-/// servers and files of those that are gone are gone as well.
+/// Jobs are destroyed under the list's lock: once count() no longer includes a job, its shadow
+/// server and files are gone as well.
 class JobList {
 public:
     JobList() = default;
     JobList(const JobList&) = delete;
     JobList& operator=(const JobList&) = delete;
-    /// Ends all jobs; their graces run at the same time.
-    ~JobList();
+    ~JobList() { clear(); }
 
-    /// Starts a job and has it confirmed, with the list locked. When `confirm` throws, the job
-    /// stays in the list, its client is dropped, and the exception passes on.
-    /// @param client, local, transport as the constructor of JobTransfer takes them; empty
-    ///        afterwards, unless the job could not be created
+    /// Starts a job and calls `confirm`, with the list locked. If `confirm` throws, the job stays
+    /// in the list, its client is disconnected, and the exception is rethrown.
+    /// @param client, local, socketFile, samFile, transport moved into the job, unless it could not
+    ///        be created
     /// @throws std::system_error when no thread can be started
-    void add(FileDescriptor& client, FileDescriptor& local, const std::string& socketPath,
-             const std::string& samPath, TransportHandle& transport, std::uint32_t session,
+    void add(FileDescriptor& client, FileDescriptor& local, SocketFile& socketFile,
+             OwnedFile& samFile, TransportHandle& transport, std::uint32_t session,
              const std::function<void(const JobTransfer&)>& confirm);
 
-    /// The number of the session's jobs, ended ones that were not swept yet included. Waits for
-    /// the lock.
+    /// The number of the session's jobs, including ended ones that have not been swept yet. Waits
+    /// for the lock.
     [[nodiscard]] std::size_t count(std::uint32_t session) const;
 
     /// Ends the session's job with that shadow server: at once, or at the next sweep when the list
@@ -45,18 +44,21 @@ public:
 
     /// Removes ended and disconnected jobs, with a debug line for each ended one. Never waits for
     /// the lock.
-    /// @return the number of jobs left; nothing when the list is in use: try again later
+    /// @return the number of jobs left; std::nullopt when the list is in use: try again later
     std::optional<std::size_t> sweep();
+
+    /// Ends all jobs; their graces run at the same time. Waits for the lock.
+    void clear();
 
 private:
     using Disconnect = std::pair<std::uint32_t, std::uint32_t>; // session, shadow server's pid
 
     // Under `mutex`.
     void removeDisconnected();
-    /// Takes the wanted jobs out of the list, in their order.
+    /// Removes the wanted jobs from the list and returns them in order.
     std::list<JobTransfer> take(const std::function<bool(const JobTransfer&)>& wanted);
 
-    mutable std::mutex mutex;    // held while jobs are destroyed, and while a new one is confirmed
+    mutable std::mutex mutex;    // also held while jobs are destroyed and confirmed
     std::list<JobTransfer> jobs; // under `mutex`
 
     std::mutex disconnectsMutex;       // may be taken under `mutex`

@@ -14,11 +14,10 @@
 
 namespace Vorl {
 
-JobTransfer::JobTransfer(int client, int local, const std::string& socketPath,
-                         const std::string& samPath, TransportHandle&& shadowServer,
-                         std::uint32_t session)
-    : socketFd(client), unixFd(local), sessionId(session), socketFile(socketPath),
-      samFile(samPath) {
+JobTransfer::JobTransfer(int client, int local, SocketFile&& shadowSocket, OwnedFile&& credentials,
+                         TransportHandle&& shadowServer, std::uint32_t session)
+    : socketFd(client), unixFd(local), sessionId(session), socketFile(std::move(shadowSocket)),
+      samFile(std::move(credentials)) {
     sizeRelayBuffers(socketFd, unixFd);
     thread = std::thread(&JobTransfer::relay, this);
     transport = std::move(shadowServer);
@@ -31,9 +30,13 @@ void JobTransfer::stop() {
         kill(transport.first, SIGTERM);
     }
     // Wakes the thread from its wait, and from a send to a client that has stopped reading.
+    shutDownSockets();
+    stopTime = std::chrono::steady_clock::now();
+}
+
+void JobTransfer::shutDownSockets() const {
     shutdown(socketFd, SHUT_RDWR);
     shutdown(unixFd, SHUT_RDWR);
-    stopTime = std::chrono::steady_clock::now();
 }
 
 JobTransfer::~JobTransfer() {
@@ -55,10 +58,13 @@ void JobTransfer::relay() {
         if (!running || !proxyRunning)
             break;
         if (ready.fromClient)
-            result = jobTransferIter(socketFd, unixFd, buffer, &running);
+            result = streamTransferIter(socketFd, unixFd, buffer, &running);
         if (ready.fromTransport && result >= 0)
-            result = jobTransferIter(unixFd, socketFd, buffer, &running);
+            result = streamTransferIter(unixFd, socketFd, buffer, &running);
     }
+    // The client is not to wait for the destructor, which may wait for an unanswered bus call.
+    if (!proxyRunning)
+        shutDownSockets();
     // Once the job has been stopped, the result of the last step is only a consequence of that.
     if (!running)
         result = 0;

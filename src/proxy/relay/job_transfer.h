@@ -1,7 +1,8 @@
 #pragma once
 
+#include "common/owned_file.h"
 #include "common/transport_handle.h"
-#include "proxy/relay/job_file.h"
+#include "proxy/relay/socket_file.h"
 
 #include <atomic>
 #include <chrono>
@@ -21,11 +22,11 @@ public:
     ///
     /// @param client the accepted client; takes ownership
     /// @param local the connected socket of the shadow server; takes ownership
-    /// @param socketPath the shadow server's socket, removed at the end
-    /// @param samPath the shadow server's SAM file, removed at the end
+    /// @param shadowSocket the shadow server's socket, removed at the end
+    /// @param credentials the shadow server's SAM file, removed at the end
     /// @param shadowServer the shadow server; takes ownership
     /// @throws std::system_error when no thread can be started; the caller keeps the ownership then
-    JobTransfer(int client, int local, const std::string& socketPath, const std::string& samPath,
+    JobTransfer(int client, int local, SocketFile&& shadowSocket, OwnedFile&& credentials,
                 TransportHandle&& shadowServer, std::uint32_t session);
     JobTransfer(const JobTransfer&) = delete;
     JobTransfer& operator=(const JobTransfer&) = delete;
@@ -53,15 +54,16 @@ public:
 
 private:
     void relay();
+    void shutDownSockets() const;
 
     const int socketFd;
     const int unixFd;
     const std::uint32_t sessionId;
     std::atomic<bool> running = true; // cleared by the relay thread when it ends, and by stop()
     std::thread thread;
-    const JobFile socketFile;
-    const JobFile samFile;
-    std::vector<std::uint8_t> buffer; // for both directions; relay thread only
+    const SocketFile socketFile;
+    const OwnedFile samFile;
+    std::vector<std::uint8_t> buffer; // of streamTransferIter(), both directions; relay thread only
     TransportHandle transport;
     std::chrono::steady_clock::time_point stopTime; // of stop(); owner only
 };

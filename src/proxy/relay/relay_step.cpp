@@ -3,13 +3,18 @@
 #include "common/call_failure.h"
 #include "common/readiness.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <exception>
+#include <iterator>
 
 #include <sys/socket.h>
 
 namespace Vorl {
 
 namespace {
+
+constexpr int inputMilliseconds = 1;
 
 void logFailure(const char* call, const std::atomic<bool>* running) {
     if (running == nullptr || *running)
@@ -29,20 +34,9 @@ bool sendAll(int destination, const std::uint8_t* bytes, std::size_t count) {
     return true;
 }
 
-} // namespace
-
-std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8_t>& buffer,
-                             const std::atomic<bool>* running) {
-    try {
-        if (!Utils::hasInput(source, 1))
-            return 0;
-        buffer.resize(static_cast<std::size_t>(Utils::hasData(source)));
-    } catch (const std::exception&) {
-        return relayException;
-    }
-
-    // At the end of the stream the buffer is empty, and so is what is received.
-    const ssize_t received = recv(source, buffer.data(), buffer.size(), 0);
+/// The end of a step whose receive call has returned.
+std::int64_t forward(ssize_t received, int destination, const std::vector<std::uint8_t>& buffer,
+                     const std::atomic<bool>* running) {
     if (received == 0)
         return relayRecvEndStream;
     if (received < 0) {
@@ -54,6 +48,58 @@ std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8
         return relaySendError;
     }
     return received;
+}
+
+/// Receives what is available beyond a full buffer.
+/// @return the number of bytes
+ssize_t receiveRest(int source, std::vector<std::uint8_t>& buffer) {
+    const std::size_t full = buffer.size();
+    const auto more = static_cast<std::size_t>(Utils::hasData(source));
+    buffer.resize(full + more + 1); // the same amount does not fill it again
+    if (more == 0)
+        return 0;
+    return std::max<ssize_t>(recv(source, buffer.data() + full, more, MSG_DONTWAIT), 0);
+}
+
+/// Whether a step that asks first would have come to its receive call.
+/// @throws vorl_error when it would have ended by an exception
+bool hasCountableInput(int source) {
+    return Utils::hasInput(source, inputMilliseconds) && Utils::hasData(source) >= 0;
+}
+
+} // namespace
+
+std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8_t>& buffer,
+                             const std::atomic<bool>* running) {
+    try {
+        if (!Utils::hasInput(source, inputMilliseconds))
+            return 0;
+        buffer.resize(static_cast<std::size_t>(Utils::hasData(source)));
+    } catch (const std::exception&) {
+        return relayException;
+    }
+    // At the end of the stream the buffer is empty, and so is what is received.
+    return forward(recv(source, buffer.data(), buffer.size(), 0), destination, buffer, running);
+}
+
+std::int64_t streamTransferIter(int source, int destination, std::vector<std::uint8_t>& buffer,
+                                const std::atomic<bool>* running) {
+    if (buffer.empty())
+        return jobTransferIter(source, destination, buffer, running);
+    ssize_t received = recv(source, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const int error = errno;
+    if (received < 0 && error == EAGAIN)
+        return jobTransferIter(source, destination, buffer, running);
+    try {
+        if (received == std::ssize(buffer))
+            received += receiveRest(source, buffer);
+        if (received < 0 && !hasCountableInput(source))
+            return 0;
+    } catch (const std::exception&) {
+        return relayException;
+    }
+    errno = error;
+    return forward(received, destination, buffer, running);
 }
 
 const char* relayEndText(std::int64_t result) {

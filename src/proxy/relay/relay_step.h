@@ -23,13 +23,25 @@ enum RelayEnd : std::int64_t {
 /// or EINTR is tried again at once: on a non-blocking destination whose peer does not read, this
 /// spins.
 ///
-/// @param buffer grows to the largest amount received so far, and does not shrink
+/// @param buffer resized to what is available; its memory grows to the largest amount so far
 /// @param running if given and false, failing socket calls are not logged: the sockets were shut
 ///                down to stop this step
 /// @return the number of bytes moved, or a RelayEnd. Failed socket calls are logged.
 [[nodiscard]] std::int64_t jobTransferIter(int source, int destination,
                                            std::vector<std::uint8_t>& buffer,
                                            const std::atomic<bool>* running = nullptr);
+
+/// Does what jobTransferIter() does, for a relay's own two sockets and with fewer system calls: it
+/// receives first, and asks for input and its size only when that found none or filled the buffer.
+/// Results and log lines are the same.
+///
+/// @param source a stream socket: of a datagram that is larger than the buffer, the rest would be
+///               lost
+/// @param buffer empty at first. Keeps the size of the largest step, whose bytes it still holds
+///               behind those of this one: to clear them would take longer than the calls saved.
+[[nodiscard]] std::int64_t streamTransferIter(int source, int destination,
+                                              std::vector<std::uint8_t>& buffer,
+                                              const std::atomic<bool>* running);
 
 /// The result as text for the log; "unknown" for a relay that was told to stop.
 [[nodiscard]] const char* relayEndText(std::int64_t result);

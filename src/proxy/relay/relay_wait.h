@@ -8,15 +8,17 @@ struct Traffic {
     bool fromTransport = false;
 };
 
-/// Waits for both sockets of a relay at once.
+/// Waits without a timeout for both sockets of a relay and for the daemon's stop event.
 ///
 /// A direction counts only while its destination is writable: a client that reads slowly delays its
 /// own picture, but not its keystrokes. Until then, the wait is for the destination to become
 /// writable, or the source to reach its end.
 ///
-/// @return the directions with traffic, as soon as there are any. None after at most a second (so
-///         that the caller can check its flags), when a destination has become writable, or when a
-///         socket reports only a hang-up.
+/// A socket that reports a hang-up or an error and has no input, as one that is not connected, is
+/// left out: poll(2) would report it again and again.
+///
+/// @return the directions with traffic, as soon as there are any. None when a destination has
+///         become writable, when a socket has hung up, or when the daemon stops.
 [[nodiscard]] Traffic waitForTraffic(int client, int transport);
 
 } // namespace Vorl

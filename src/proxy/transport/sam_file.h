@@ -1,14 +1,17 @@
 #pragma once
 
+#include "common/owned_file.h"
+
 #include <string>
 
 namespace Vorl {
 
-/// Writes the line into a new SAM file, readable by this account alone. What stands at the path is
-/// removed: it may be an earlier connection's file, or planted.
+/// Writes the line into a new SAM file, readable for this account only, and notes in `samFile` that
+/// the connection owns it. An existing file is removed first: it may belong to an earlier
+/// connection, or be planted.
 /// @return false, without a message, when the file cannot be created
-/// @throws vorl_error("prepareX11RdpArgs") after an error line when it could not be written whole:
-///         the shadow server must not read half a line
-[[nodiscard]] bool writeSamFile(const std::string& path, const std::string& line);
+/// @throws vorl_error("prepareX11RdpArgs") after an error line when it could not be written
+///         completely: the shadow server must not read a partial line
+[[nodiscard]] bool writeSamFile(OwnedFile& samFile, const std::string& line);
 
 } // namespace Vorl

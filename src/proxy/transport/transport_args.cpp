@@ -45,7 +45,7 @@ const char* transportLogLevel(const JsonConfig& settings) {
 } // namespace
 
 std::list<std::string> transportArguments(const JsonConfig& settings, const JsonConfig& session,
-                                          const std::string& socketPath, const std::string& samPath,
+                                          const std::string& socketPath, OwnedFile& samFile,
                                           bool builtIn) {
     std::list<std::string> arguments = settings.getStringList("x11rdp:args");
     if (arguments.empty())
@@ -70,8 +70,8 @@ std::list<std::string> transportArguments(const JsonConfig& settings, const Json
     if (session.getBoolean("sec:nla")) {
         const std::string ntlm = session.getString("ntlm");
         arguments.emplace_back("+sec-nla");
-        if (!ntlm.empty() && writeSamFile(samPath, ntlm))
-            arguments.push_back("/sam-file:" + samPath);
+        if (!ntlm.empty() && writeSamFile(samFile, ntlm))
+            arguments.push_back("/sam-file:" + samFile.path());
     } else {
         arguments.emplace_back("-sec-nla");
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/json_config.h"
+#include "common/owned_file.h"
 
 #include <list>
 #include <string>
@@ -12,6 +13,7 @@ namespace Vorl {
 /// SAM file (readable for this account only) when the session uses network level authentication
 /// (NLA).
 ///
+/// @param samFile where the SAM file goes; notes that it was written
 /// @param builtIn the program is the daemon's own shadow server, which knows additional options
 /// @throws vorl_error("prepareX11RdpArgs") after an error line: a value contains its own
 ///         placeholder, or the SAM file could not be written completely
@@ -19,6 +21,6 @@ namespace Vorl {
 [[nodiscard]] std::list<std::string> transportArguments(const JsonConfig& settings,
                                                         const JsonConfig& session,
                                                         const std::string& socketPath,
-                                                        const std::string& samPath, bool builtIn);
+                                                        OwnedFile& samFile, bool builtIn);
 
 } // namespace Vorl

@@ -10,17 +10,17 @@
 
 namespace Vorl {
 
-/// What a shadow server is started with.
+/// The command that starts a shadow server.
 struct TransportCommand {
     std::string program;
     std::list<std::string> arguments;   // without the program's name
-    std::list<std::string> environment; // NAME=value, put over the daemon's own
+    std::list<std::string> environment; // NAME=value, overrides the daemon's own
 };
 
-/// The shadow server's program: the configured one, or else, with a warning, the first of the usual
-/// places where there is one.
+/// The shadow server's program: the configured one or, with a warning, the first of the usual
+/// places where it exists.
 /// @throws vorl_error("requestRdpTransport") after an error line when there is none
-/// @throws Json::LogicError when the configured path is not a text
+/// @throws Json::LogicError when the configured path is not a string
 [[nodiscard]] std::string findTransportProgram(const JsonConfig& settings);
 
 /// Whether the program is installed in the daemon's own directory: such a shadow server takes the

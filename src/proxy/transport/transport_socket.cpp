@@ -4,7 +4,6 @@
 #include "common/sockets.h"
 #include "logger"
 
-#include <cerrno>
 #include <chrono>
 #include <system_error>
 #include <thread>
@@ -15,13 +14,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto socketLimit = 5s;
-constexpr auto socketPause = 1ms;
-constexpr int connectAttempts = 5;
-constexpr auto connectPause = 50ms;
+constexpr std::chrono::milliseconds socketPause{1};
 
 bool isSocket(const fs::path& path) {
     std::error_code ignored;
@@ -40,14 +35,14 @@ void removeStaleSocket(const fs::path& path) {
         fs::remove(path, ignored);
 }
 
-bool waitForTransportSocket(const fs::path& path, std::uint32_t sessionId) {
-    const auto start = Clock::now();
+bool waitForTransportSocket(const fs::path& path, std::uint32_t sessionId,
+                            TransportDeadline deadline) {
     while (!isSocket(path)) {
         if (!proxyRunning) {
             logFailure("proxy stopped", sessionId);
             return false;
         }
-        if (Clock::now() - start > socketLimit) {
+        if (Clock::now() > deadline) {
             logFailure("transport stopped, timeout", sessionId);
             return false;
         }
@@ -56,14 +51,11 @@ bool waitForTransportSocket(const fs::path& path, std::uint32_t sessionId) {
     return true;
 }
 
-FileDescriptor connectToTransport(const std::string& path) {
-    FileDescriptor local(Socket::unixConnect(path));
-    const auto mayPass = [] { return errno == ECONNREFUSED || errno == EMFILE || errno == ENFILE; };
-    for (int attempt = 1; !local && mayPass() && attempt < connectAttempts; ++attempt) {
-        std::this_thread::sleep_for(connectPause);
-        local = FileDescriptor(Socket::unixConnect(path));
-    }
-    return local;
+FileDescriptor connectToTransport(const std::string& path, const TransportHandle& transport,
+                                  TransportDeadline deadline) {
+    return FileDescriptor(Socket::unixConnectWhile(path, [&] {
+        return proxyRunning && Clock::now() <= deadline && transportRunning(transport);
+    }));
 }
 
 } // namespace Vorl

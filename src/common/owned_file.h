@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include <sys/stat.h>
+
+namespace Vorl {
+
+/// The path of a file that is written for one owner and removed by it. The name can be given again
+/// while that owner still exists: the file at the path then belongs to somebody else.
+class OwnedFile {
+public:
+    explicit OwnedFile(std::string path) : filePath(std::move(path)) {}
+
+    [[nodiscard]] const std::string& path() const { return filePath; }
+
+    /// Remembers the file behind the descriptor as the owner's.
+    /// @return false, with errno set, when it cannot be told from other files
+    [[nodiscard]] bool note(int descriptor);
+
+    /// Removes the remembered file. Another one that has replaced it stays, as does a file that was
+    /// there without ever having been remembered. When it cannot be found out which file it is, it
+    /// is removed: better another's than a password hash that stays. Errors are ignored.
+    void remove() const;
+
+private:
+    std::string filePath;
+    struct statx noted {}; // stx_mask is 0 before note()
+};
+
+} // namespace Vorl
