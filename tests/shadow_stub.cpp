@@ -10,6 +10,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -35,17 +36,33 @@ void report(char** argv) {
     std::cerr << "ready" << std::endl;
 }
 
+char buffer[65521];
+
+// Reading never waits for writing: the daemon may wait for the reading meanwhile.
+void echo(int fd) {
+    std::string queue;
+    for (size_t at = 0;; alarm(patience)) {
+        pollfd entry{fd, static_cast<short>(queue.empty() ? POLLIN : POLLIN | POLLOUT), 0};
+        poll(&entry, 1, -1);
+        const ssize_t size = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (size == 0)
+            return;
+        queue.append(buffer, static_cast<size_t>(size < 0 ? 0 : size));
+        const ssize_t sent = send(fd, queue.data() + at, queue.size() - at, MSG_DONTWAIT);
+        at += static_cast<size_t>(sent < 0 ? 0 : sent);
+        if (at == queue.size())
+            queue.clear(), at = 0;
+    }
+}
+
 void serve(int fd, const std::string& mode) {
-    static char buffer[65521];
     if (mode == "deaf") { // a send to it fails
         shutdown(fd, SHUT_RD);
     } else if (mode == "flood") { // sends for ever, and never reads
         while (write(fd, buffer, sizeof(buffer)) > 0) {
         }
     } else if (mode != "mute") { // neither reads nor sends
-        for (ssize_t size; (size = read(fd, buffer, sizeof(buffer))) > 0; alarm(patience))
-            if (write(fd, buffer, static_cast<size_t>(size)) != size)
-                break;
+        echo(fd);
     }
     for (;;) // the end of its client is not its own
         pause();
