@@ -1,3 +1,4 @@
+#include "common/error.h"
 #include "fixtures/journal.h"
 #include "fixtures/sandbox.h"
 #include "logger"
@@ -82,6 +83,7 @@ TEST_F(Configuration, StaysAsItIsWhenTheFileIsNoGood) {
     for (const char* text : {"[1", "5", "", "// remark\n{}"}) {
         write(text);
         expectKept({"readJson: parse failed, *", notObject});
+        EXPECT_THROW(Vorl::ConfigFile{path}, Vorl::vorl_error);
     }
     write("[1]");
     expectKept({notObject});

@@ -203,8 +203,8 @@ TEST_F(Library, AnOwnersProgramRunsAndLogsAsTheOwner) {
 }
 
 TEST_F(Library, AProgramStartsWithoutSignalsAndDescriptorsOfOurs) {
-    for (const int number : {SIGTERM, SIGCHLD, SIGPIPE})
-        std::signal(number, number == SIGPIPE ? SIG_DFL : SIG_IGN);
+    for (int number = 1; number < 32; ++number)
+        std::signal(number, number == SIGTERM || number == SIGCHLD ? SIG_IGN : SIG_DFL);
     const std::string log = makeDirectory() / "log";
     const auto run = [&](const char* program, const std::list<std::string>& arguments) {
         return Utils::runChildProcessBack(program, arguments, {}, nullptr, log.c_str())

@@ -93,24 +93,12 @@ TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
 
 TEST_F(StartUp, AConfigurationThatIsNoObjectEndsIt) {
     const std::string file = daemon.configuration;
-    const std::string notStrict = "readJson: parse failed, path: " + file + ", json error: `*\n*'";
-    const std::string notObject = "ProxyConnection: json not object, file: " + file;
-    for (const char* text : {"// remark\n{}", "5", ""}) {
-        std::ofstream(file) << text;
-        expectEnd({"readJson: file: " + file, notStrict, notObject, "exception: ProxyConnection"});
-    }
     std::ofstream(file) << "[1]";
-    expectEnd({notObject, "exception: ProxyConnection"});
-    std::filesystem::remove(file);
-    std::filesystem::create_directory(file);
-    expectEnd({"readJson: file: " + file, "exception: *"});
+    expectEnd({"readJson: file: " + file, "ProxyConnection: json not object, file: " + file,
+               "exception: ProxyConnection"});
     std::filesystem::remove(file);
     EXPECT_EQ(mkfifo(file.c_str(), 0600), 0); // without a writer, for which an open would wait
     expectEnd({"readJson: open failed, path: " + file, "exception: ProxyConnection"});
-    std::filesystem::remove(file);
-    std::ofstream(file) << "{\"debug:level\": \"trace\", "; // what has been read of it counts
-    daemon.start();
-    EXPECT_TRUE(journal.saw({notStrict, "setDebugLevel: level: trace", "start: started, *"}));
 }
 
 TEST_F(StartUp, NeedsAHomeAndTakesTmpWithoutOne) {
