@@ -18,7 +18,7 @@ protected:
 };
 
 TEST_F(Failure, OfTheSessionDescription) {
-    start(R"("x11rdp:args": ["/ipc-socket:%{socket}", "%{authfile}%{home}"])");
+    start(R"("x11rdp:args": ["/ipc-socket:%{socket}", "%{authfile}%{home}", "%{ho%{home}"])");
     const std::string before = daemon.resources();
     const auto expect = [&](const std::string& json, const std::vector<std::string>& messages) {
         service.reply("vorlSessionInfoJson", json);
@@ -26,14 +26,17 @@ TEST_F(Failure, OfTheSessionDescription) {
     };
     for (const char* json : {"{", "", R"({"display": "five"})", R"({"uid": [1]})"})
         expect(json, {failed + "*, session id: 7"});
-    for (const std::string& json : {std::string("3"), '"' + std::string(400'000, 'x') + '"'})
+    for (const std::string& json : {std::string("3"), '"' + std::string(100'000, 'x') + '"'})
         expect(json, {"JsonConfigString: config failed, not json object: `" + json + "'",
                       failed + "JsonConfigString, session id: 7"});
-    expect('"' + std::string(25UL * 400'000, 'x') + '"', // libsystemd drops a line of over 1 MiB
+    expect('"' + std::string(10'000'000, 'x') + '"', // libsystemd drops a line of over 1 MiB
            {failed + "JsonConfigString, session id: 7"});
     for (const char* json : {R"({"home": "a%{home}"})", R"({"xauthfile": "%{authfile}"})"})
-        expect(json, {"prepareX11RdpArgs: launch refused, value brings its own placeholder back: *",
+        expect(json, {"prepareX11RdpArgs: launch refused, *%{* still there after 1 replacements, *",
                       failed + "*"});
+    // One becomes two, which become four, and so on.
+    expect(R"({"home": "me}me}%{ho%{ho"})",
+           {"prepareX11RdpArgs: launch refused, %{home} still there after 11 replacements, *"});
     service.answer("vorlSessionInfoJson", Answer::Error);
     expectFailure({toldSo});
     EXPECT_TRUE(holds(before));
@@ -58,6 +61,7 @@ TEST_F(Failure, OfAShadowServerWithoutASocketEndsIt) {
 
 TEST_F(Failure, OfAShadowServerThatRefusesLetsTheClientGoAndWaitsForIt) {
     start(stub("refuse"));
+    const std::string before = daemon.resources();
     expectFailure({"unixConnect: connect failed, error: Connection refused, code: 111",
                    "actionCreateTransport: transport not started, session id: 7"});
     EXPECT_EQ(journal.count("unixConnect: connect failed, *"), 1u);
@@ -65,6 +69,9 @@ TEST_F(Failure, OfAShadowServerThatRefusesLetsTheClientGoAndWaitsForIt) {
     service->signalProxyAllowConnection(8, 1);
     EXPECT_TRUE(journal.saw({"*: listen transport busy, session id: 8",
                              "actionCreateTransport: child ended, pid: *, exit code: 4"}));
+    EXPECT_EQ(readFile(daemon.workDirectory / "rdp_transport_1000_0.log").find("SIGTERM"),
+              std::string::npos);
+    EXPECT_TRUE(eventually([&] { return daemon.resources().starts_with(before); }));
 }
 
 TEST_F(Failure, OfACallLeavesNothingOpen) {

@@ -4,102 +4,134 @@
 
 namespace VorlTest {
 
-class Life : public DaemonTest {
-protected:
-    // Stops a daemon in every way, each time a new one that `prepare` has brought to a stage.
-    template<typename Prepare>
-    void expectStop(const std::string& mode, Prepare prepare,
-                    const std::vector<std::string>& messages) {
-        for (const int number : {SIGTERM, SIGINT, 0}) {
-            start(stub(mode));
-            const std::vector<FileDescriptor> clients = prepare();
-            std::istringstream children(daemon.children());
-            number == 0 ? service->signalVorlStopped() : daemon.process->signal(number);
-            EXPECT_EQ(daemon.process->wait(), 0);
-            for (const std::string& message : messages)
-                EXPECT_TRUE(journal.saw({message}));
-            for (pid_t pid = 0; children >> pid;)
-                EXPECT_NE(kill(pid, 0), 0) << "a shadow server";
-            for (const FileDescriptor& client : clients)
-                EXPECT_TRUE(ends(client));
-        }
-    }
-
-    // Sets the configuration's modification time to another whole second each time.
-    void touch() {
-        const timeval times[] = {{++seconds, 0}, {seconds, 0}};
-        utimes(daemon.configuration.c_str(), times);
-    }
-
-    time_t seconds = 1000;
-};
-
-TEST_F(Life, StopsAtEveryStage) {
-    std::vector<FileDescriptor> clients;
-    expectStop("echo", [] { return std::vector<FileDescriptor>(); }, {});
-    expectStop("echo", [this] { return allow(), std::vector<FileDescriptor>(); }, {});
-    EXPECT_EQ(journal.count("actionCreateTransport: exception: *"), 0u);
-    const auto launching = [this] {
-        std::vector<FileDescriptor> waiting;
-        allow();
-        waiting.push_back(connectTo(port));
-        EXPECT_TRUE(journal.saw({"asyncWaitPid: added task, *"}));
-        return waiting;
-    };
-    expectStop("never", launching,
-               {"actionCreateTransport: exception: proxy stopped, session id: 7"});
-    const auto relaying = [this] {
-        std::vector<FileDescriptor> open;
-        open.push_back(DaemonTest::open(7));
-        open.push_back(DaemonTest::open(8));
-        return open;
-    };
-    expectStop("slow", relaying, // by its shadow server's end, a relay ends otherwise
-               {"JobTransfer: job stopped, session id: ?, result: unknown",
-                "JobTransferStopped: kill transport, pid: *"});
-    for (const char* file : {"sam_3_0", "proxy_7_0", "proxy_8_0"})
-        EXPECT_FALSE(exists(daemon.workDirectory / file)) << file;
-}
+using Life = DaemonTest;
 
 TEST_F(Life, AChangedConfigurationIsInForceAtTheNextUse) {
-    const std::string file = daemon.configuration;
     const auto begin = std::chrono::steady_clock::now();
-    start();
-    configure(R"("listen:addr": "127.0.0.1", "debug:level": "trace")");
-    EXPECT_TRUE(eventually([&] { // nothing tells of the first look
-        touch();
-        return bool(journal.saw({"reloadConfigWatcher: success"}, 500ms));
-    }));
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, 6s) << "the first look only learns";
-    EXPECT_TRUE(journal.saw({"readJson: file: " + file, "setDebugLevel: level: trace"}));
-    const auto change = [&](const std::string& text, const std::vector<std::string>& messages) {
-        std::ofstream(file) << text;
-        touch();
-        EXPECT_TRUE(journal.saw(messages));
+    time_t seconds = 1000;
+    const auto touchUntil = [&](const std::string& message) { // nothing tells of the first look
+        EXPECT_TRUE(eventually([&] {
+            const timeval times[] = {{++seconds, 0}, {seconds, 0}};
+            utimes(daemon.configuration.c_str(), times);
+            return bool(journal.saw({message}, 500ms));
+        }));
     };
-    const std::string notObject = "reloadConfigWatcher: json not object, file: " + file;
-    change("[1]", {notObject});
-    change("[1", {"readJson: parse failed, path: *", notObject});
-    change(R"({"debug:level": []})", {"PeriodicTask: exception: *"});
-    std::filesystem::remove(file);
-    std::filesystem::create_directory(file);
-    touch();
-    EXPECT_TRUE(journal.saw({"readJson: parse failed, path: *", notObject}));
-    std::filesystem::remove(file);
-    const std::string failed = "reloadConfigWatcher: stat failed, error: *, code: 2";
-    EXPECT_TRUE(journal.saw({failed, failed}));
+    start();
+    configure(R"("listen:addr": "127.0.0.1", "listen:timeout": 33)");
+    touchUntil("reloadConfigWatcher: success");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 6s) << "the first look only records";
     EXPECT_TRUE(echoes(open()));
-    EXPECT_TRUE(journal.saw({"actionCreateTransport: address: 127.0.0.1, *"})) << "the last good";
-    change(R"({"debug:level": "Debug"})",
-           {"setDebugLevel: level: Debug", "setDebugLevel: unknown level: Debug"});
-    journal.forget();
-    configure(R"("debug:level": "none")");
-    touch();
-    EXPECT_TRUE(journal.saw({"setDebugLevel: level: none", "reloadConfigWatcher: success"}));
+    EXPECT_TRUE(journal.saw({"*: session id: 7, timeout: 33", "*: address: 127.0.0.1, *"}));
+    configure(R"("listen:addr": "127.0.0.2", "debug:level": [])");
+    touchUntil("PeriodicTask: exception: key `debug:level': *, configuration kept, check file: " +
+               daemon.configuration.string());
     journal.forget();
     EXPECT_TRUE(echoes(open()));
-    for (Journal::Record& record : journal.records())
-        EXPECT_LE(record["PRIORITY"], "5") << record["MESSAGE"];
+    EXPECT_TRUE(journal.saw({"*: address: 127.0.0.1, *"}));
 }
+
+TEST_F(Life, TheServiceManagerIsToldOfIt) {
+    const FileDescriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{AF_UNIX, {}};
+    (daemon.home / "notify").string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    const timeval limit{patience.count(), 0};
+    setsockopt(manager.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    const auto next = [&](int flags = 0) {
+        char text[200];
+        const ssize_t size = recv(manager.get(), text, sizeof(text), flags);
+        return std::string(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    };
+    daemon.environment.push_back("NOTIFY_SOCKET=" + (daemon.home / "notify").string());
+    service.answer("vorlTest", Answer::Held);
+    configure();
+    daemon.start();
+    EXPECT_TRUE(eventually([&] { return service.count("vorlTest") == 1; }));
+    EXPECT_EQ(next(MSG_DONTWAIT), "") << "not before the service has answered";
+    service.answer("vorlTest", Answer::Reply);
+    EXPECT_EQ(next(), "READY=1");
+    EXPECT_EQ(next(), "STATUS=Relays: 0");
+    allow();
+    EXPECT_EQ(next(), "STATUS=Relays: 0, admitting a client to session 7");
+    FileDescriptor client = connectTo(port);
+    EXPECT_EQ(next(), "STATUS=Relays: 1");
+    client.reset();
+    EXPECT_EQ(next(), "STATUS=Relays: 0");
+    daemon.process->signal(SIGTERM);
+    EXPECT_EQ(next(), "STOPPING=1\nSTATUS=Stopping");
+}
+
+// The parameter is a stage of the daemon's life; a method is one whose call is not answered.
+class Stop : public DaemonTest, public testing::WithParamInterface<const char*> {
+protected:
+    std::vector<FileDescriptor> reach() {
+        std::vector<FileDescriptor> clients;
+        const auto isCalled = [&] { return service.count(stage + " 7*") > 0; };
+        if (stage == "vorlTest") {
+            service.answer(stage, Answer::Never);
+            const size_t before = service.count(stage);
+            configure();
+            daemon.start();
+            EXPECT_TRUE(eventually([&] { return service.count(stage) > before; }));
+            return clients;
+        }
+        start(stub(stage == "launching" ? "never" : stage == "relaying" ? "slow" : "echo"));
+        if (isCall || stage == "relaying")
+            clients.push_back(open(8, 8));
+        service.answer(stage, Answer::Never);
+        if (stage == "relaying") {
+            clients.push_back(open(7));
+        } else if (stage != "idle") {
+            allow();
+            if (stage != "listening" && stage != "proxyListenStarted")
+                clients.push_back(connectTo(port));
+        }
+        EXPECT_TRUE(stage != "launching" || bool(journal.saw({"asyncWaitPid: added task, *"})));
+        EXPECT_TRUE(!isCall || eventually(isCalled)) << stage;
+        if (stage == "proxySessionConnected") // its handler waits for what the call holds
+            service->signalSessionDisconnected(7, shadowPid(), "");
+        return clients;
+    }
+
+    const std::string stage = GetParam();
+    const bool isCall = stage.starts_with("vorl") || stage.starts_with("proxy");
+};
+
+TEST_P(Stop, EndsAllInOrder) {
+    std::map<std::string, std::vector<std::string>> messages = {
+        {"launching", {"actionCreateTransport: exception: proxy stopped, session id: 7"}},
+        {"relaying", // by its shadow server's end, a relay ends otherwise
+         {"JobTransfer: job stopped, session id: ?, result: unknown",
+          "JobTransferStopped: kill transport, pid: *"}}};
+    for (const int number : {SIGTERM, SIGINT, 0}) {
+        if (isCall && number != SIGTERM && (stage != "vorlTest" || number == 0))
+            continue;
+        const std::vector<FileDescriptor> clients = reach();
+        std::istringstream children(daemon.children());
+        number == 0 ? service->signalVorlStopped() : daemon.process->signal(number);
+        if (isCall && stage != "vorlTest") {
+            EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 8, *"}, 4s));
+            EXPECT_TRUE(ends(clients[0]) && !daemon.process->wait(0ms)) << "no relay waits";
+        }
+        EXPECT_EQ(daemon.process->wait(10s), 0);
+        for (pid_t pid = 0; children >> pid;)
+            EXPECT_NE(kill(pid, 0), 0) << "a shadow server";
+        for (const FileDescriptor& client : clients)
+            EXPECT_TRUE(ends(client));
+        for (const std::string& message : messages[stage])
+            EXPECT_TRUE(journal.saw({message}));
+        if (stage == "idle" || stage == "listening") {
+            EXPECT_EQ(journal.count("*: exception: *"), 0u);
+        }
+    }
+    for (const char* file : {"sam_3_0", "proxy_7_0", "proxy_8_0"})
+        EXPECT_FALSE(stage == "relaying" && exists(daemon.workDirectory / file)) << file;
+}
+
+INSTANTIATE_TEST_SUITE_P(AtEveryStage, Stop,
+                         testing::Values("idle", "listening", "launching", "relaying", "vorlTest",
+                                         "proxyListenStarted", "proxyClientConnected",
+                                         "vorlSessionInfoJson", "proxySessionConnected"),
+                         [](const auto& stage) { return std::string(stage.param); });
 
 } // namespace VorlTest

@@ -33,24 +33,17 @@ TEST(Logging, EachLevelLetsItsSeveritiesThrough) {
         EXPECT_EQ(seen, priorities) << static_cast<int>(level);
         journal.forget();
     }
+    EXPECT_EQ(Vorl::notifyLevel(1) * 100 + Vorl::notifyLevel(2) * 10 + Vorl::notifyLevel(3), 120);
 }
 
-TEST(Logging, WordsSetTheLevelAndAreLoggedAtTheOldOne) {
-    Journal journal;
-    Syslog::setDebugLevel(DebugLevel::Info);
-    for (const auto& [word, level] : {std::pair("none", DebugLevel::None),
-                                      {"debug", DebugLevel::Debug},
-                                      {"trace", DebugLevel::Trace},
-                                      {"Debug", DebugLevel::Trace},
-                                      {"info", DebugLevel::Info}}) {
-        Syslog::setDebugLevel(word);
-        EXPECT_EQ(Syslog::debugLevel(), level) << word;
+TEST(Logging, TheTimeFollowsAChangedZone) {
+    testing::internal::CaptureStdout();
+    for (const char* zone : {"AAA0", "BBB-5"}) {
+        setenv("TZ", zone, 1);
+        Syslog::fprintf_time(stdout, "%Z ");
     }
-    EXPECT_TRUE(journal.saw({"setDebugLevel: level: none", "setDebugLevel: level: trace",
-                             "setDebugLevel: level: Debug", "setDebugLevel: unknown level: Debug",
-                             "setDebugLevel: level: info"}));
-    EXPECT_EQ(journal.count("*level: debug"), 0u) << "level none let it through";
-    EXPECT_EQ(Vorl::notifyLevel(1) * 100 + Vorl::notifyLevel(2) * 10 + Vorl::notifyLevel(3), 120);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "AAA BBB ");
+    unsetenv("TZ");
 }
 
 } // namespace VorlTest

@@ -22,14 +22,9 @@ Pair pipePair() { // to read from, to write to
     return {FileDescriptor(fds[0]), FileDescriptor(fds[1])};
 }
 
-Pair tcpPair() {
-    const FileDescriptor listener = boundSocket("127.0.0.1", 0);
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-    listen(listener.get(), 1);
-    FileDescriptor client = connectTo(ntohs(address.sin_port));
-    return {FileDescriptor(accept(listener.get(), nullptr, nullptr)), std::move(client)};
+Pair acceptedPair() {
+    auto [client, accepted] = tcpPair();
+    return {std::move(accepted), std::move(client)};
 }
 
 Pair written(Pair pair, size_t size) {
@@ -54,11 +49,9 @@ Pair alone(int fd) {
 
 Pair withPendingClient() {
     FileDescriptor listener = boundSocket("127.0.0.1", 0);
-    sockaddr_in address{};
-    socklen_t size = sizeof(address);
-    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
     listen(listener.get(), 1);
-    return {std::move(listener), connectTo(ntohs(address.sin_port))};
+    const uint16_t port = portOf(listener);
+    return {std::move(listener), connectTo(port)};
 }
 
 struct Source {
@@ -75,8 +68,8 @@ const Source sources[] = {
     {"with as many bytes as the buffer", [] { return written(socketPair(), 100); }, 100, nullptr},
     {"with more bytes", [] { return written(socketPair(), 50'000); }, 50'000, nullptr},
     {"at its end", [] { return closed(socketPair()); }, -2, nullptr},
-    {"bytes before its end", [] { return closed(written(tcpPair(), 7)); }, 7, nullptr},
-    {"reset", [] { return reset(tcpPair()); }, -3, "*: recv failed, error: *, code: 104"},
+    {"bytes before its end", [] { return closed(written(acceptedPair(), 7)); }, 7, nullptr},
+    {"reset", [] { return reset(acceptedPair()); }, -3, "*: recv failed, error: *, code: 104"},
     {"TCP, not connected", [] { return alone(socket(AF_INET, SOCK_STREAM, 0)); }, 0, nullptr},
     {"local, not connected", [] { return alone(socket(AF_UNIX, SOCK_STREAM, 0)); }, 0, nullptr},
     {"listening", withPendingClient, -1, "hasData: ioctl failed, error: *, code: 22"},
@@ -134,12 +127,15 @@ TEST_F(DaemonTest, IdleRelaysDoNotWakeUp) {
         return counts;
     };
     EXPECT_TRUE(eventually([&] { return switches().size() == 6; })) << "two for each relay";
-    const auto before = switches();
-    std::this_thread::sleep_for(2500ms); // a thread that wakes up does so within that time
-    size_t awake = 0;
-    for (const auto& [task, count] : switches())
-        awake += count != before.at(task);
-    EXPECT_EQ(awake, 2u) << "are the main thread and the periodic task";
+    const auto awake = [&] { // the threads that wake up within 2.5 s
+        const auto before = switches();
+        std::this_thread::sleep_for(2500ms);
+        const auto after = switches();
+        return std::ranges::count_if(after,
+                                     [&](const auto& t) { return t != *before.find(t.first); });
+    };
+    // Once all have come to rest: the main thread and the periodic task.
+    EXPECT_TRUE(eventually([&] { return awake() == 2; }));
 }
 
 } // namespace VorlTest

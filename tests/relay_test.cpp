@@ -1,8 +1,4 @@
-#include "common/run_state.h"
 #include "fixtures/daemon_test.h"
-#include "logger"
-#include "proxy/relay/job_transfer.h"
-#include "proxy/relay/relay_step.h"
 
 #include <random>
 
@@ -21,13 +17,49 @@ protected:
         EXPECT_TRUE(!client || ends(client));
         stop();
     }
+
+    // A number for a longer run; scripts/soak sets it.
+    static long wanted(const std::string& name, long otherwise) {
+        const char* const text = std::getenv(("VORL_SOAK_" + name).c_str());
+        return text ? std::atol(text) : otherwise;
+    }
+
+    // Resident memory in kilobytes; nothing where a sanitizer keeps what was freed.
+    long memory() const {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        return 0;
+#endif
+        const std::string status =
+            readFile("/proc/" + std::to_string(daemon.process->pid()) + "/status");
+        return std::stol(status.substr(status.find("VmRSS:") + 6));
+    }
+
+    // Opens and closes as many connections, and expects no growth after the first tenth.
+    template<typename Use> void expectNoGrowth(long otherwise, Use use) {
+        const auto connections = static_cast<uint32_t>(wanted("CONNECTIONS", otherwise));
+        std::string before;
+        long memoryBefore = 0;
+        for (uint32_t i = 1; i <= connections; ++i) {
+            ASSERT_TRUE(use(open(7, i), i)) << i;
+            if (i != connections / 10 && i != connections)
+                continue;
+            const std::string now = idle();
+            std::cout << i << " connections: " << now << ", kB: " << memory() << std::endl;
+            if (before.empty()) {
+                before = now;
+                memoryBefore = memory();
+            }
+        }
+        EXPECT_TRUE(holds(before));
+        EXPECT_LT(memory(), memoryBefore + 2000);
+    }
 };
 
 TEST_F(Relay, CarriesEveryByteBothWaysAtOnce) {
     start();
     const FileDescriptor client = open();
     std::string sent, back;
-    sent.resize(100'000'000);
+    sent.resize(30'000'000);
     back.resize(sent.size());
     std::mt19937_64 random(7);
     std::ranges::generate(sent, [&] { return static_cast<char>(random()); });
@@ -50,7 +82,10 @@ TEST_F(Relay, TellsHowItEnded) {
         client.reset();
     });
     EXPECT_TRUE(journal.saw({"jobTransferIter: recv failed, error: *, code: 104"}));
-    expectEnd("deaf", "send error", [](FileDescriptor& client) { send(client.get(), "x", 1, 0); });
+    expectEnd("deaf", "send error", [](FileDescriptor& client) {
+        // The first bytes may arrive before it is deaf.
+        EXPECT_TRUE(eventually([&] { return send(client.get(), "x", 1, MSG_NOSIGNAL) != 1; }));
+    });
     EXPECT_TRUE(journal.saw({"jobTransferIter: send failed, error: Broken pipe, code: 32"}));
     expectEnd("slow", "unknown", [this](FileDescriptor& client) {
         service->signalSessionDisconnected(8, shadowPid(), "");
@@ -59,44 +94,60 @@ TEST_F(Relay, TellsHowItEnded) {
         EXPECT_TRUE(echoes(client)) << "other processes' signals";
         service->signalSessionDisconnected(7, shadowPid(), "");
     });
-    EXPECT_TRUE(journal.saw({"JobTransferStopped: kill transport, pid: *"}));
+    EXPECT_TRUE(journal.saw({"JobTransferStopped: kill transport, pid: *",
+                             "JobTransferStopped: child ended, pid: *, killed by signal: 14"}))
+        << "it was not given the time to end";
 }
 
-TEST(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
-    Journal journal;
-    Vorl::proxyRunning = true;
-    Vorl::Syslog::setDebugLevel(Vorl::DebugLevel::Debug);
-    std::promise<int> ended;
-    ended.set_value(0);
-    const int unixFd = socket(AF_UNIX, SOCK_STREAM, 0);
-    {
-        const Vorl::JobTransfer job(open("/dev/zero", O_RDWR), unixFd,
-                                    Vorl::SocketFile("/run/socket"), Vorl::OwnedFile("/run/sam"),
-                                    {0, ended.get_future()}, 7);
-        EXPECT_TRUE(eventually([&] { return !job.isRunning(); }));
-    }
-    EXPECT_TRUE(journal.saw({"hasData: ioctl failed, error: *, code: 25",
-                             "JobTransfer: job stopped, session id: 7, result: exception"}));
-    EXPECT_EQ(journal.count("JobTransferStopped: kill transport, *"), 0u);
+TEST_F(Relay, NothingStaysOfManyConnections) {
+    start(R"("debug:level": "none")");
+    expectNoGrowth(200, [](const FileDescriptor& client, uint32_t connection) {
+        return connection % 4 == 0 || echoes(client); // some connect and leave
+    });
 }
 
-TEST_F(Relay, NothingStaysOfTwoHundredConnectionsAndOfEightAtOnce) {
-    start();
+TEST_F(Relay, EightBusyOnesGrowNothing) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(wanted("MINUTES", 0));
+    start(R"("debug:level": "none")");
     EXPECT_TRUE(echoes(open())); // so that what is allocated once is there
-    EXPECT_TRUE(journal.saw({"PeriodicTask: remove job, *"}));
-    const std::string before = idle();
-    for (uint32_t session = 1; session <= 200; ++session)
-        ASSERT_TRUE(echoes(open(session, session))) << session;
-    EXPECT_TRUE(holds(before));
+    const std::string idleBefore = idle();
     std::vector<FileDescriptor> clients;
     for (uint32_t session = 1; session <= 8; ++session)
         clients.push_back(open(session, session));
-    for (const FileDescriptor& client : clients)
-        EXPECT_TRUE(
-            echoes(client, std::string(100'000, static_cast<char>('a' + client.get() % 26))));
-    clients.clear();
+    std::string before;
+    long memoryBefore = 0;
+    for (uint64_t frames = 0; frames < 100 || std::chrono::steady_clock::now() < end; ++frames) {
+        for (const FileDescriptor& client : clients)
+            ASSERT_TRUE(echoes(client, std::string(40'000, static_cast<char>('a' + frames % 26))));
+        if (frames == 50) {
+            before = daemon.resources();
+            memoryBefore = memory();
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    std::cout << "ends with " << daemon.resources() << ", kB: " << memory() << std::endl;
     EXPECT_TRUE(holds(before));
-    EXPECT_TRUE(before.ends_with(", children: , files: ")) << before;
+    EXPECT_LT(memory(), memoryBefore + 2000);
+    clients.clear();
+    EXPECT_TRUE(holds(idleBefore));
+}
+
+TEST_F(Relay, DISABLED_NothingStaysWithTheRealShadowServer) { // run by scripts/soak
+    const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-noreset", "-nolisten", "tcp"}, {},
+                          makeDirectory());
+    describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
+    const char* program = std::getenv("VORL_SHADOW_SERVER"); // set by scripts/soak
+    ASSERT_NE(program, nullptr);
+    start(R"("debug:level": "none", "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"],
+             "x11rdp:path": ")" +
+          std::string(program) + '"');
+    expectNoGrowth(100, [](const FileDescriptor& client, uint32_t) {
+        // A connection request that asks for TLS, and the start of its confirmation.
+        const std::string request("\x03\0\0\x13\x0e\xe0\0\0\0\0\0\x01\0\x08\0\x01\0\0\0", 19);
+        char answer[2]{};
+        return send(client.get(), request.data(), request.size(), MSG_NOSIGNAL) == 19 &&
+               recv(client.get(), answer, 2, MSG_WAITALL) == 2 && answer[0] == 3;
+    });
 }
 
 } // namespace VorlTest

@@ -1,8 +1,4 @@
-#include "common/run_state.h"
 #include "fixtures/daemon_test.h"
-#include "proxy/relay/job_transfer.h"
-
-#include <future>
 
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -40,7 +36,8 @@ TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
     expectFull(third);
     daemon.process->signal(SIGTERM);
     EXPECT_EQ(daemon.process->wait(5s), 0);
-    EXPECT_EQ(journal.count("JobTransfer: job stopped, session id: ?, result: unknown"), 2u);
+    EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 7, result: unknown"}));
+    EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 8, result: unknown"}));
 }
 
 TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
@@ -107,55 +104,6 @@ TEST_F(ShadowFault, AConnectThatSucceedsLateLeavesNoErrorLine) {
     ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &before, nullptr), 0);
     EXPECT_TRUE(echoes(client)) << "though there were no descriptors for a while";
     EXPECT_EQ(journal.count("*failed*"), 0u);
-}
-
-TEST_F(ShadowFault, AnEndIsSeenWhileTheOtherSideTakesNothing) {
-    start(stub("mute"));
-    FileDescriptor client = open();
-    const std::string piece(512, 'x');
-    for (int i = 0; i < 150; ++i) { // more than the shadow server's socket takes, less than all do
-        EXPECT_EQ(send(client.get(), piece.data(), piece.size(), MSG_NOSIGNAL), 512);
-        std::this_thread::sleep_for(1ms); // small chunks take the most room
-    }
-    client.reset();
-    EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, *", "JobTransferStopped: child ended, *"}));
-}
-
-// With a small buffer to the client the relay thread stands in the middle of a send.
-TEST(RelayJob, EndsWhileItsSendIsBlocked) {
-    Journal journal;
-    Vorl::proxyRunning = true;
-    for (const bool dropped : {false, true}) {
-        const FileDescriptor listener = boundSocket("127.0.0.1", 0);
-        listen(listener.get(), 1);
-        sockaddr_in address{};
-        socklen_t size = sizeof(address);
-        getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        FileDescriptor client = connectTo(ntohs(address.sin_port));
-        const int accepted = accept(listener.get(), nullptr, nullptr);
-        const int small = 4096;
-        setsockopt(accepted, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
-        int local[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, local), 0);
-        const FileDescriptor shadowServer(local[1]);
-        fcntl(local[1], F_SETFL, O_NONBLOCK);
-        std::promise<int> ended;
-        ended.set_value(0);
-        auto job = std::make_unique<Vorl::JobTransfer>(
-            accepted, local[0], Vorl::SocketFile(""), Vorl::OwnedFile(""),
-            Vorl::TransportHandle(0, ended.get_future()), 7);
-        const std::string flood(1 << 16, 'x');
-        for (int idle = 0; idle < 20; std::this_thread::sleep_for(10ms)) // until nothing moves
-            idle = send(local[1], flood.data(), flood.size(), MSG_NOSIGNAL) > 0 ? 0 : idle + 1;
-        if (dropped)
-            job->dropClient();
-        const auto gone = std::async(std::launch::async, [&job] { job.reset(); });
-        EXPECT_EQ(gone.wait_for(5s), std::future_status::ready) << dropped;
-        if (!dropped) {
-            EXPECT_EQ(journal.count("*send failed*"), 0u) << "the end of a job is no fault";
-        }
-        client.reset(); // releases a send that would hold up the test
-    }
 }
 
 } // namespace VorlTest

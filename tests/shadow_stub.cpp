@@ -1,6 +1,6 @@
 // A stand-in for the shadow server: listens on the socket of "/ipc-socket:PATH" and behaves as the
 // argument "stub:MODE" says. Prints what it was started with on standard output, one "name:\tvalue"
-// a line, and then "ready".
+// a line, and then "ready" on standard error.
 
 #include <csignal>
 #include <cstdio>
@@ -8,12 +8,9 @@
 #include <fstream>
 #include <iostream>
 #include <string>
-#include <system_error>
-#include <thread>
 
 #include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/sendfile.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -35,40 +32,34 @@ void report(char** argv) {
     for (int fd = 0; fd < 1024; ++fd)
         std::cout << (fcntl(fd, F_GETFD) < 0 ? "" : std::to_string(fd) + " ");
     // Signals, accounts, umask and pid.
-    std::cout << '\n' << std::ifstream("/proc/self/status").rdbuf() << "ready" << std::endl;
+    std::cout << '\n' << std::ifstream("/proc/self/status").rdbuf() << std::flush;
+    std::cerr << "ready" << std::endl;
 }
 
-// Through a file, so that reading never waits for writing: the daemon could wait for it meanwhile.
+char buffer[65521];
+
+// Reading never waits for writing: the daemon may wait for the reading meanwhile.
 void echo(int fd) {
-    const int queue = memfd_create("queue", 0);
-    const auto sendBack = [=] {
-        for (off_t sent = 0;;) {
-            if (sendfile(fd, queue, &sent, 1 << 20) <= 0)
-                usleep(1000);
-            else // whole pages that are done with
-                fallocate(queue, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, sent & ~0xFFF);
-        }
-    };
-    for (bool started = false; !started;) {
-        try {
-            std::thread(sendBack).detach();
-            started = true;
-        } catch (const std::system_error&) { // where processes are limited
-            usleep(1000);
-        }
+    std::string queue;
+    for (size_t at = 0;; alarm(patience)) {
+        pollfd entry{fd, static_cast<short>(queue.empty() ? POLLIN : POLLIN | POLLOUT), 0};
+        poll(&entry, 1, -1);
+        const ssize_t size = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (size == 0)
+            return;
+        queue.append(buffer, static_cast<size_t>(size < 0 ? 0 : size));
+        const ssize_t sent = send(fd, queue.data() + at, queue.size() - at, MSG_DONTWAIT);
+        at += static_cast<size_t>(sent < 0 ? 0 : sent);
+        if (at == queue.size())
+            queue.clear(), at = 0;
     }
-    static char buffer[65521];
-    for (ssize_t size; (size = read(fd, buffer, sizeof(buffer))) > 0; alarm(patience))
-        if (write(queue, buffer, static_cast<size_t>(size)) != size)
-            abort();
 }
 
 void serve(int fd, const std::string& mode) {
     if (mode == "deaf") { // a send to it fails
         shutdown(fd, SHUT_RD);
     } else if (mode == "flood") { // sends for ever, and never reads
-        static const char zeros[65536]{};
-        while (write(fd, zeros, sizeof(zeros)) > 0) {
+        while (write(fd, buffer, sizeof(buffer)) > 0) {
         }
     } else if (mode != "mute") { // neither reads nor sends
         echo(fd);

@@ -5,7 +5,6 @@ work=/var/lib/package-test # what the host gets to see at the end
 port=3389
 examples=/usr/share/doc/vorl-proxy/examples
 work_directory=/run/vorl_proxy/.vorl
-session_uid=1000
 session_home=/home/$user
 stage=
 
@@ -35,9 +34,10 @@ expect() {
 make_accounts() {
     local name
     for name in alice bob; do
-        useradd --create-home --shell /bin/bash "$name"
+        id "$name" >/dev/null 2>&1 || useradd --create-home --shell /bin/bash "$name"
         echo "$name:password-of-$name" | chpasswd
     done
+    session_uid=$(id -u alice)
 }
 
 # Before a command: it runs as this account.
@@ -86,6 +86,24 @@ disconnect() {
     wait_until 10 client_ended || fail "the client has not been let go"
     stop client
     expect_nothing_left
+}
+
+drop_ins=/etc/systemd/system/vorl_proxy.service.d
+
+# use_drop_in NAME: one of the package's examples.
+use_drop_in() {
+    install -D -m 644 -t "$drop_ins" "$examples/$1"
+    restart
+}
+
+remove_drop_ins() {
+    rm -r "$drop_ins"
+    restart
+}
+
+restart() {
+    systemctl daemon-reload
+    systemctl restart vorl_proxy || fail "it does not start"
 }
 
 main_pid() { systemctl show --value --property MainPID vorl_proxy; }

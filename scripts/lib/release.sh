@@ -5,6 +5,7 @@
 # systemd_dev                     the package that has systemd.pc
 # shadow_package, client_package  FreeRDP's shadow server and client for X11
 # shadow_server, rdp_client       the programs in them
+# pam_helper                      whether PAM checks passwords in a helper, which packaging/pam.conf allows
 # configured_path                 "x11rdp:path" of the package: the program, or a link to it
 # configured_args                 "x11rdp:args" of the package, in JSON
 case $(. /etc/os-release && echo "${VERSION_ID-}") in
@@ -14,6 +15,7 @@ case $(. /etc/os-release && echo "${VERSION_ID-}") in
     client_package=freerdp2-x11
     shadow_server=/usr/bin/freerdp-shadow-cli
     rdp_client=xfreerdp
+    pam_helper=no
     # It exits with 23 at what a built-in program gets, and at /max-connections.
     configured_path=$shadow_server
     configured_args='["-auth", "/ipc-socket:%{socket}"]'
@@ -24,6 +26,7 @@ case $(. /etc/os-release && echo "${VERSION_ID-}") in
     client_package=freerdp3-x11
     shadow_server=/usr/bin/freerdp-shadow-cli3
     rdp_client=xfreerdp3
+    pam_helper=yes
     configured_path=/usr/libexec/vorl/freerdp-shadow-cli
     configured_args='["-auth", "/ipc-socket:%{socket}", "/max-connections:1"]'
     ;;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
+#include <utility>
 
 #include <dbus-c++/dbus.h>
 #include <dbus/dbus.h>
@@ -23,8 +25,13 @@ public:
     /// Call it before enter(), on the same thread. The connection must outlive enter().
     void attach(DBus::Connection& connection);
 
+    /// Adds a second connection, which has a dispatcher of its own: enter() calls it at each turn,
+    /// and waits for the descriptor that it returns. A negative one means that the connection is
+    /// lost. Call it before enter().
+    void alsoServe(std::function<int()> dispatcher) { dispatchOther = std::move(dispatcher); }
+
     /// Dispatches the connection's messages, each within about 50 ms, until leave() is called or
-    /// the connection is lost. Handlers run on the calling thread and are called by C functions of
+    /// a connection is lost. Handlers run on the calling thread and are called by C functions of
     /// libdbus: they must not throw.
     void enter() override;
 
@@ -37,6 +44,9 @@ public:
 
 private:
     void waitForInput() const;
+
+    std::function<int()> dispatchOther; // written by alsoServe(); may be empty
+    int otherFd = -1;                   // what it returned last
 
     DBus::Connection::Private* queueEntry = nullptr; // written by attach()
     DBusConnection* bus = nullptr;                   // written by attach()

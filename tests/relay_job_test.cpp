@@ -1,0 +1,245 @@
+#include "common/run_state.h"
+#include "fixtures/client.h"
+#include "fixtures/journal.h"
+#include "fixtures/sandbox.h"
+#include "logger"
+#include "proxy/relay/job_list.h"
+#include "proxy/relay/relay_step.h"
+
+#include <csignal>
+#include <future>
+
+#include <fcntl.h>
+#include <linux/socket.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+
+namespace VorlTest {
+
+using Vorl::JobTransfer;
+using Vorl::TransportHandle;
+
+// A relay job in this process, between a client and the end of a shadow server that has exited.
+class RelayJob : public testing::Test {
+protected:
+    void SetUp() override {
+        Vorl::Syslog::setDebugLevel(Vorl::DebugLevel::Debug);
+        Vorl::startRunning();
+        connectPair();
+    }
+
+    void connectPair() {
+        auto [connected, accepted] = tcpPair();
+        client = std::move(connected);
+        socketFd = accepted.release();
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        unixFd = pair[0];
+        shadow = FileDescriptor(pair[1]);
+    }
+
+    static TransportHandle exited() {
+        std::promise<int> status;
+        status.set_value(0);
+        return {0, status.get_future()};
+    }
+
+    void startJob() {
+        job = std::make_unique<JobTransfer>(socketFd, unixFd, Vorl::SocketFile(""),
+                                            Vorl::OwnedFile(""), exited(), 7);
+    }
+
+    // Sends until nothing moves any more.
+    static void flood(const FileDescriptor& fd) {
+        const std::string piece(1 << 16, 'x');
+        for (int still = 0; still < 20; std::this_thread::sleep_for(10ms))
+            still = send(fd.get(), piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0
+                        ? 0
+                        : still + 1;
+    }
+
+    static bool arrives(const FileDescriptor& from, const FileDescriptor& to,
+                        std::chrono::milliseconds limit = patience) {
+        char byte = 0;
+        send(from.get(), "k", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        return eventually([&] { return recv(to.get(), &byte, 1, MSG_DONTWAIT) == 1; }, limit);
+    }
+
+    static int option(int fd, int level, int name) {
+        int value = -1;
+        socklen_t size = sizeof(value);
+        getsockopt(fd, level, name, &value, &size);
+        return value;
+    }
+
+    Journal journal;
+    FileDescriptor client, shadow; // the far ends
+    int socketFd = -1, unixFd = -1;
+    std::unique_ptr<JobTransfer> job;
+};
+
+TEST_F(RelayJob, AKeystrokeNeverWaitsBehindAFullPicture) {
+    startJob();
+    flood(shadow);
+    EXPECT_TRUE(arrives(client, shadow));
+    job.reset();
+    connectPair();
+    startJob();
+    flood(client);
+    EXPECT_TRUE(arrives(shadow, client)) << "a picture waits behind an upload";
+}
+
+TEST_F(RelayJob, SeesAnEndWhileTheOtherSideTakesNothing) {
+    for (const bool ofClient : {true, false}) {
+        connectPair();
+        startJob();
+        FileDescriptor& from = ofClient ? client : shadow;
+        const std::string piece(512, 'x');
+        const auto isFull = [&] { // no room, and something that waits for it
+            send(from.get(), piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            pollfd room{ofClient ? unixFd : socketFd, POLLOUT, 0};
+            return poll(&room, 1, 0) == 0;
+        };
+        while (!isFull()) {
+        }
+        from.reset();
+        EXPECT_TRUE(eventually([&] { return !job->isRunning(); })) << ofClient;
+        EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 7, result: recv end *"}));
+        journal.forget();
+        job.reset();
+    }
+}
+
+TEST_F(RelayJob, EndsWhileItsSendIsBlocked) {
+    for (const std::string how : {"stop", "drop", "stop the upload"}) {
+        connectPair();
+        startJob();
+        const bool upload = how == "stop the upload";
+        const int small = 4096; // less than what the job receives at once
+        setsockopt(upload ? unixFd : socketFd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        flood(upload ? client : shadow);
+        EXPECT_FALSE(upload ? arrives(shadow, client, 300ms) : arrives(client, shadow, 300ms))
+            << "its thread is not blocked";
+        if (how == "drop") {
+            job->dropClient();
+            EXPECT_TRUE(eventually([&] { return !job->isRunning(); }));
+        }
+        const auto gone = std::async(std::launch::async, [&] { job.reset(); });
+        EXPECT_EQ(gone.wait_for(5s), std::future_status::ready) << how;
+        if (how != "drop") {
+            EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, *, result: unknown"}));
+            EXPECT_EQ(journal.count("*send failed*"), 0u) << "a stop is no fault";
+        }
+        client.reset(); // releases a send that would hold up the test
+        shadow.reset();
+        journal.forget();
+    }
+}
+
+TEST_F(RelayJob, EndsAtOnceWithTheDaemon) {
+    startJob();
+    EXPECT_TRUE(Vorl::requestStop());
+    EXPECT_TRUE(ends(client)) << "without waiting for the job to be destroyed";
+    EXPECT_TRUE(journal.saw({"JobTransfer: job stopped, session id: 7, result: unknown"}));
+    EXPECT_FALSE(Vorl::requestStop());
+}
+
+TEST_F(RelayJob, DropsItsClientWithoutADescriptorAsWell) {
+    startJob();
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    job->dropClient();
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_TRUE(ends(client));
+}
+
+TEST_F(RelayJob, BoundsItsBuffers) {
+    if (!hasAllAccounts())
+        GTEST_SKIP() << "needs root, to exceed the machine's limits";
+    startJob();
+    EXPECT_EQ(option(socketFd, SOL_SOCKET, SO_RCVBUF), 1 << 20);
+    EXPECT_EQ(option(socketFd, SOL_SOCKET, SO_SNDBUF), 768 << 10);
+    EXPECT_EQ(option(unixFd, SOL_SOCKET, SO_SNDBUF), 1536 << 10);
+    EXPECT_EQ(option(socketFd, SOL_SOCKET, SO_BUF_LOCK), SOCK_RCVBUF_LOCK);
+}
+
+TEST_F(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {
+    close(socketFd);
+    socketFd = open("/dev/zero", O_RDWR | O_CLOEXEC);
+    startJob();
+    EXPECT_TRUE(eventually([&] { return !job->isRunning(); }));
+    job.reset();
+    EXPECT_TRUE(journal.saw({"hasData: ioctl failed, error: *, code: 25",
+                             "JobTransfer: job stopped, session id: 7, result: exception"}));
+    EXPECT_EQ(journal.count("JobTransferStopped: kill transport, *"), 0u);
+}
+
+TEST_F(RelayJob, AStepSendsEveryByteOnceWhateverInterruptsIt) {
+    struct sigaction interrupting {};
+    interrupting.sa_handler = [](int) {};
+    sigaction(SIGALRM, &interrupting, nullptr);
+    sigset_t alarms;
+    sigemptyset(&alarms);
+    sigaddset(&alarms, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &alarms, nullptr);
+    std::string sent(150'000, ' '), back(sent.size(), ' ');
+    for (size_t at = 0; at < sent.size(); ++at)
+        sent[at] = static_cast<char>(at * at % 251);
+    for (const bool blocking : {true, false}) {
+        connectPair();
+        const int small = 4096;
+        setsockopt(socketFd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        fcntl(socketFd, F_SETFL, blocking ? 0 : O_NONBLOCK);
+        EXPECT_EQ(send(shadow.get(), sent.data(), sent.size(), 0), ssize_t(sent.size()));
+        std::jthread reader([&] {
+            for (size_t at = 0; at < back.size(); at += 1000) {
+                recv(client.get(), &back[at], 1000, MSG_WAITALL);
+                std::this_thread::sleep_for(100us);
+            }
+        });
+        const itimerval often{{0, 1000}, {0, 1000}}, never{};
+        std::vector<uint8_t> buffer;
+        setitimer(ITIMER_REAL, &often, nullptr);
+        pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
+        EXPECT_EQ(Vorl::jobTransferIter(unixFd, socketFd, buffer), ssize_t(sent.size()));
+        pthread_sigmask(SIG_BLOCK, &alarms, nullptr);
+        setitimer(ITIMER_REAL, &never, nullptr);
+        EXPECT_EQ(Vorl::jobTransferIter(unixFd, socketFd, buffer), 0) << "nothing is left";
+        reader.join();
+        EXPECT_TRUE(sent == back) << blocking;
+        close(socketFd);
+        close(unixFd);
+    }
+}
+
+TEST_F(RelayJob, TheListIsLockedWhileTheServiceIsAsked) {
+    Vorl::JobList jobs;
+    FileDescriptor accepted(socketFd), local(unixFd);
+    Vorl::SocketFile socketFile("");
+    Vorl::OwnedFile samFile("");
+    TransportHandle transport = exited();
+    std::future<size_t> count;
+    jobs.add(accepted, local, socketFile, samFile, transport, 7, [&](const JobTransfer&) {
+        std::async(std::launch::async, [&] {
+            EXPECT_FALSE(jobs.sweep());
+            jobs.disconnect(7, 0); // neither waits
+        }).get();
+        count = std::async(std::launch::async, [&] { return jobs.count(7); });
+        EXPECT_EQ(count.wait_for(200ms), std::future_status::timeout);
+    });
+    EXPECT_EQ(count.get(), 1u);
+    const auto disconnect = [&] { // from two threads at once, beside the sweep
+        for (uint32_t session = 0; session < 20'000; ++session)
+            jobs.disconnect(session, 1);
+    };
+    {
+        const std::jthread first(disconnect), second(disconnect);
+        EXPECT_EQ(jobs.sweep().value_or(0), 0u) << "carries out what was noted meanwhile";
+    }
+    EXPECT_TRUE(ends(client));
+}
+
+} // namespace VorlTest
