@@ -35,7 +35,9 @@ void startJob(int listening, const std::string& socketPath, Vorl::JobList& jobs)
     const Vorl::JsonConfig settings{Json::objectValue}; // every key has its default
     Vorl::setClientSocketOptions(client.get(), settings);
     Vorl::TransportHandle transport = endedTransport();
-    jobs.add(client, local, "", "", transport, 0, [](const Vorl::JobTransfer&) {});
+    Vorl::SocketFile noSocket{""};
+    Vorl::OwnedFile noSam{""};
+    jobs.add(client, local, noSocket, noSam, transport, 0, [](const Vorl::JobTransfer&) {});
 }
 
 } // namespace
@@ -45,7 +47,7 @@ int main(int argc, char* argv[]) {
         std::fputs("usage: vorl_bench_relay PORT SOCKET\n", stderr);
         return EXIT_FAILURE;
     }
-    Vorl::proxyRunning = true;
+    Vorl::startRunning();
     const auto port = static_cast<std::uint16_t>(std::atoi(argv[1]));
     const Vorl::FileDescriptor listening(Vorl::Socket::tcpListen("0.0.0.0", port, backlog));
     if (!listening) {

@@ -33,14 +33,13 @@ start_daemon() {
     # Free a moment ago; should it be taken meanwhile, the stage "listener" fails.
     port=$(perl -MIO::Socket::INET -e \
         'print IO::Socket::INET->new(Listen => 1, LocalAddr => "127.0.0.1")->sockport')
-    # Debian 12's shadow server knows neither /max-connections nor /log-level. -auth: it would
-    # ask PAM for a system account; over NLA the SAM file decides all the same.
+    # -auth: it would ask PAM for a system account; over NLA the SAM file decides.
     cat >"$work/vorl_proxy.json" <<-JSON
 	{
 	    "debug:level": "debug",
 	    "listen:addr": "127.0.0.1",
 	    "listen:port": $port,
-	    "x11rdp:path": "/usr/bin/freerdp-shadow-cli",
+	    "x11rdp:path": "$shadow_server",
 	    "x11rdp:args": [ "-auth", "/ipc-socket:%{socket}" ]
 	}
 	JSON

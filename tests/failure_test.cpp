@@ -18,7 +18,7 @@ protected:
 };
 
 TEST_F(Failure, OfTheSessionDescription) {
-    start(R"("x11rdp:args": ["/ipc-socket:%{socket}", "%{authfile}%{home}"])");
+    start(R"("x11rdp:args": ["/ipc-socket:%{socket}", "%{authfile}%{home}", "%{ho%{home}"])");
     const std::string before = daemon.resources();
     const auto expect = [&](const std::string& json, const std::vector<std::string>& messages) {
         service.reply("vorlSessionInfoJson", json);
@@ -32,8 +32,11 @@ TEST_F(Failure, OfTheSessionDescription) {
     expect('"' + std::string(10'000'000, 'x') + '"', // libsystemd drops a line of over 1 MiB
            {failed + "JsonConfigString, session id: 7"});
     for (const char* json : {R"({"home": "a%{home}"})", R"({"xauthfile": "%{authfile}"})"})
-        expect(json, {"prepareX11RdpArgs: launch refused, value brings its own placeholder back: *",
+        expect(json, {"prepareX11RdpArgs: launch refused, *%{* still there after 1 replacements, *",
                       failed + "*"});
+    // One becomes two, which become four, and so on.
+    expect(R"({"home": "me}me}%{ho%{ho"})",
+           {"prepareX11RdpArgs: launch refused, %{home} still there after 11 replacements, *"});
     service.answer("vorlSessionInfoJson", Answer::Error);
     expectFailure({toldSo});
     EXPECT_TRUE(holds(before));

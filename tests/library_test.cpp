@@ -52,6 +52,7 @@ TEST_F(Library, JsonKeysAreFlatAndConvertAsJsoncppDoes) {
 TEST_F(Library, TextsAreReplacedFromTheStartAgainAndAgain) {
     EXPECT_EQ(Utils::stringReplace("aaabbb", "ab", ""), "");
     EXPECT_EQ(Utils::stringReplace("<n><n>", "<n>", -7), "-7-7");
+    EXPECT_EQ(Utils::joinString(), "");
     EXPECT_EQ(Utils::stringLower("AbÄ") + Utils::stringUpper("aBä"), "abÄABä");
 }
 
@@ -224,6 +225,29 @@ TEST_F(Library, AProgramStartsWithoutSignalsAndDescriptorsOfOurs) {
     EXPECT_EQ(readFile(log), "0\n1\n2\n3\n");
     const ScopedMount noFalse("/bin/false", "/etc/passwd");
     EXPECT_EQ(run("/etc/passwd", {}), 0) << "nothing could be started";
+}
+
+TEST_F(Library, SignalsReachAChildAtOnceAndDoNotEndTheWaitForIt) {
+    struct sigaction handled {};
+    handled.sa_handler = [](int) {};
+    sigaction(SIGTERM, &handled, nullptr); // as the daemon has a handler
+    sigaction(SIGUSR1, &handled, nullptr); // interrupts a system call
+    for (int i = 0; i < 20; ++i) {
+        const int pid = Utils::runChildProcess("/bin/sleep", {"60"}, {});
+        kill(pid, SIGTERM);
+        int status = 0;
+        ASSERT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 5s));
+        EXPECT_EQ(status, SIGTERM);
+    }
+    signal(SIGTERM, SIG_DFL);
+    std::thread waiter([] {
+        Utils::runChildProcessWait("/bin/sh", {"-c", "sleep 1; exit 3"}, {});
+    });
+    EXPECT_TRUE(journal.saw({"runChildProcessWait: child started, *"}));
+    for (int i = 0; i < 20; ++i, std::this_thread::sleep_for(5ms))
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+    waiter.join();
+    EXPECT_TRUE(journal.saw({"runChildProcessWait: child ended, pid: *, exit code: 3"}));
 }
 
 TEST_F(Library, TheEndOfAChildIsLogged) {

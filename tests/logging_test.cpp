@@ -36,4 +36,14 @@ TEST(Logging, EachLevelLetsItsSeveritiesThrough) {
     EXPECT_EQ(Vorl::notifyLevel(1) * 100 + Vorl::notifyLevel(2) * 10 + Vorl::notifyLevel(3), 120);
 }
 
+TEST(Logging, TheTimeFollowsAChangedZone) {
+    testing::internal::CaptureStdout();
+    for (const char* zone : {"AAA0", "BBB-5"}) {
+        setenv("TZ", zone, 1);
+        Syslog::fprintf_time(stdout, "%Z ");
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "AAA BBB ");
+    unsetenv("TZ");
+}
+
 } // namespace VorlTest

@@ -136,8 +136,11 @@ TEST_F(Relay, DISABLED_NothingStaysWithTheRealShadowServer) { // run by scripts/
     const Process display({"/usr/bin/Xvfb", ":95", "-ac", "-noreset", "-nolisten", "tcp"}, {},
                           makeDirectory());
     describe(R"("display": 95, "sec:nla": false, "sec:tls": true, "sec:auth": false, "ntlm": "")");
-    start(R"("debug:level": "none", "x11rdp:path": "/usr/bin/freerdp-shadow-cli",
-             "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"])");
+    const char* program = std::getenv("VORL_SHADOW_SERVER"); // set by scripts/soak
+    ASSERT_NE(program, nullptr);
+    start(R"("debug:level": "none", "x11rdp:args": ["-auth", "/ipc-socket:%{socket}"],
+             "x11rdp:path": ")" +
+          std::string(program) + '"');
     expectNoGrowth(100, [](const FileDescriptor& client, uint32_t) {
         // A connection request that asks for TLS, and the start of its confirmation.
         const std::string request("\x03\0\0\x13\x0e\xe0\0\0\0\0\0\x01\0\x08\0\x01\0\0\0", 19);

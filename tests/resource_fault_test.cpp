@@ -59,6 +59,15 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     const ScopedMount accounts("/etc/passwd", home / "passwd");
     daemon.arguments.insert(daemon.arguments.end(), {"--user", "few"});
     daemon.workDirectory = home / ".vorl";
+    rlimit limit{};
+    getrlimit(RLIMIT_NPROC, &limit);
+    const rlimit alone{1, limit.rlim_max};
+    setrlimit(RLIMIT_NPROC, &alone); // inherited by the daemon, whose threads count
+    configure();
+    daemon.start();
+    EXPECT_EQ(daemon.process->wait(), 0) << "without the periodic task";
+    EXPECT_TRUE(journal.saw({"exception: Resource temporarily unavailable"}));
+    setrlimit(RLIMIT_NPROC, &limit);
     start(R"("x11rdp:path": ")" + (home / "shadow").string() + '"');
     const std::string before = daemon.resources();
     const auto leave = [&](size_t left) { // by its own account, which needs no privilege
@@ -162,6 +171,8 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
             EXPECT_EQ(std::filesystem::read_symlink("/proc/" + pid + stream), "/dev/null");
     }
     EXPECT_EQ(readFile(precious), "kept");
+    EXPECT_TRUE(journal.saw({"redirectOutputsFdTo: log file cannot be opened, output is lost, "
+                             "error: Too many levels of symbolic links, code: 40, path: `*'"}));
     create_hard_link(precious, daemon.workDirectory / "sam_9_0");
     std::ofstream(daemon.workDirectory / "rdp_transport_2000_0.log") << std::string(100'000, 'x');
     describe(R"("uid": 2000)");

@@ -156,6 +156,8 @@ TEST_F(Session, TheArgumentsComeFromTheTemplateAndTheDescription) {
             .ends_with(
                 "DISPLAY=:0, XAUTHORITY=, FREERDP_STRONG_SESSION_CHECK=1, SESSION_USER=alice"));
     EXPECT_FALSE(exists(sam));
+    EXPECT_TRUE(arguments(R"("x11rdp:args": ["/ipc-socket:%{socket}", "<%{ho%{home}me}>"])")
+                    .starts_with(", <>, "));
     EXPECT_EQ(arguments(R"("x11rdp:args": ["/ipc-socket:%{socket}",
                            "%{home}|%{display}|%{authfile}|%{display}", 5],
                            "transport:debug": true, "check:domain": true)",

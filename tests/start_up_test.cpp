@@ -91,6 +91,16 @@ TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
                              "start: started, *, uid: 0"}));
 }
 
+TEST_F(StartUp, OpensStandardStreamsThatAreClosed) {
+    daemon.program = "/bin/sh";
+    daemon.arguments = {"-c", "exec " VORL_PROXY " --config proxy.json <&- >&- 2>&-"};
+    start();
+    for (const char* stream : {"0", "1", "2"}) {
+        const std::string file = "/proc/" + std::to_string(daemon.process->pid()) + "/fd/" + stream;
+        EXPECT_EQ(std::filesystem::read_symlink(file), "/dev/null") << stream;
+    }
+}
+
 TEST_F(StartUp, AConfigurationThatIsNoObjectEndsIt) {
     const std::string file = daemon.configuration;
     std::ofstream(file) << "[1]";

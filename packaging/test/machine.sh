@@ -5,7 +5,6 @@ work=/var/lib/package-test # what the host gets to see at the end
 port=3389
 examples=/usr/share/doc/vorl-proxy/examples
 work_directory=/run/vorl_proxy/.vorl
-session_uid=1000
 session_home=/home/$user
 stage=
 
@@ -35,21 +34,23 @@ expect() {
 make_accounts() {
     local name
     for name in alice bob; do
-        useradd --create-home --shell /bin/bash "$name"
+        id "$name" >/dev/null 2>&1 || useradd --create-home --shell /bin/bash "$name"
         echo "$name:password-of-$name" | chpasswd
     done
+    session_uid=$(id -u alice)
 }
 
-# as ACCOUNT COMMAND...
-as() { setpriv --reuid "$1" --regid "$1" --clear-groups env HOME="/home/$1" "${@:2}"; }
+# Before a command: it runs as this account.
+as_alice=(setpriv --reuid alice --regid alice --clear-groups env HOME=/home/alice)
+as_bob=(setpriv --reuid bob --regid bob --clear-groups env HOME=/home/bob)
 
 # The session's display and its cookie are Alice's.
 start_displays() {
-    start_display desktop /home/alice/.Xauthority as alice
+    start_display desktop /home/alice/.Xauthority "${as_alice[@]}"
     start_display client /root/.Xauthority
-    on desktop as alice xsetroot -solid '#20507a'
-    on desktop start xlogo as alice xlogo -geometry 240x240+720+60
-    on desktop start xterm as alice xterm -geometry 70x20+40+60 -bg '#10222f' -fg '#d8e6f0' \
+    on desktop "${as_alice[@]}" xsetroot -solid '#20507a'
+    on desktop start xlogo "${as_alice[@]}" xlogo -geometry 240x240+720+60
+    on desktop start xterm "${as_alice[@]}" xterm -geometry 70x20+40+60 -bg '#10222f' -fg '#d8e6f0' \
         -e 'cat /etc/os-release; sleep infinity'
     wait_until 20 desktop_settled 4 || fail "the desktop has not been drawn"
 }
@@ -86,6 +87,33 @@ disconnect() {
     stop client
     expect_nothing_left
 }
+
+drop_ins=/etc/systemd/system/vorl_proxy.service.d
+
+# use_drop_in NAME: one of the package's examples.
+use_drop_in() {
+    install -D -m 644 -t "$drop_ins" "$examples/$1"
+    restart
+}
+
+remove_drop_ins() {
+    rm -r "$drop_ins"
+    restart
+}
+
+restart() {
+    systemctl daemon-reload
+    systemctl restart vorl_proxy || fail "it does not start"
+}
+
+main_pid() { systemctl show --value --property MainPID vorl_proxy; }
+
+# in_journal TEXT: whether the last shadow server has said so there.
+in_journal() {
+    wait_until 5 shadow_journal "$1"
+}
+
+shadow_journal() { journalctl -q "_PID=$shadow_pid" -o cat | grep -qi -- "$1"; }
 
 status_is() { [[ $(systemctl show --value --property StatusText vorl_proxy) == "$1"* ]]; }
 

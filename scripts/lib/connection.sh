@@ -10,8 +10,13 @@ allow_client() {
     [[ $heard_line == *listening* ]] || fail "port $port cannot be had"
 }
 
+client_host=127.0.0.1
+client_certificates=ignore # what the client does with those that it cannot verify
+
 # client_line PASSWORD SECURITY: the command line, without what makes the picture full size.
-client_line() { echo "xfreerdp /v:127.0.0.1:$port /u:$user /p:$1 /sec:$2 /cert:ignore"; }
+client_line() {
+    echo "$rdp_client /v:$client_host:$port /u:$user /p:$1 /sec:$2 /cert:$client_certificates"
+}
 
 # start_client PASSWORD SECURITY: the process "client"; returns when the daemon has accepted it.
 start_client() {

@@ -1,25 +1,13 @@
 #include "bus/bus_loop.h"
 
+#include "bus/connection_handle.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace Vorl {
 
 namespace {
-
-using PrivatePart = DBus::RefPtrI<DBus::Connection::Private>;
-
-/// Gives access to a private member of the connection: the library offers no other access to its
-/// message queue and to libdbus's handle. Only an explicit template instantiation may name a
-/// private member. The friend function that it defines is declared again below, so that name lookup
-/// finds it.
-template<PrivatePart DBus::Connection::*member> struct PrivateAccess {
-    friend DBus::Connection::Private* privatePartOf(DBus::Connection& connection) {
-        return (connection.*member).get();
-    }
-};
-template struct PrivateAccess<&DBus::Connection::_pvt>;
-DBus::Connection::Private* privatePartOf(DBus::Connection& connection);
 
 constexpr int turnMilliseconds = 50;
 constexpr int writeTurnMilliseconds = 2;
@@ -28,9 +16,7 @@ constexpr int writeTurnMilliseconds = 2;
 
 void BusLoop::attach(DBus::Connection& connection) {
     queueEntry = privatePartOf(connection);
-    // libdbus's handle is the first field of the private part in version 0.9.0, the last release
-    // and the only one that the build accepts.
-    bus = *reinterpret_cast<DBusConnection**>(queueEntry);
+    bus = handleOf(connection);
 }
 
 void BusLoop::enter() {

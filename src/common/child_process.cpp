@@ -6,6 +6,7 @@
 #include "common/error.h"
 #include "logger"
 
+#include <cerrno>
 #include <csignal>
 #include <system_error>
 
@@ -16,10 +17,37 @@ namespace Vorl::Utils {
 
 namespace {
 
+/// Holds SIGTERM back in this thread. A child inherits the daemon's handler, which would swallow
+/// it, until it has reset its signals.
+class HoldTermination {
+public:
+    HoldTermination() {
+        sigset_t termination;
+        sigemptyset(&termination);
+        sigaddset(&termination, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &termination, &before);
+    }
+    HoldTermination(const HoldTermination&) = delete;
+    HoldTermination& operator=(const HoldTermination&) = delete;
+    ~HoldTermination() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+
+private:
+    sigset_t before{};
+};
+
+/// waitpid(2), again when a signal interrupts it.
+pid_t reap(int pid, int& status) {
+    pid_t result = 0;
+    do {
+        result = waitpid(pid, &status, 0);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
 int asyncWaitPid(int pid) {
     Syslog::debug("%s: added task, pid: %d", "asyncWaitPid", pid);
     int status = -1;
-    if (waitpid(pid, &status, 0) < 0 && errno != ECHILD)
+    if (reap(pid, status) < 0 && errno != ECHILD)
         logCallFailed("asyncWaitPid", "waitpid");
     return status;
 }
@@ -36,6 +64,7 @@ int runChildProcess(const std::filesystem::path& command, const std::list<std::s
     }
     const auto account = owner != nullptr ? getUserInfo(owner, true) : nullptr;
 
+    const HoldTermination untilSignalsAreReset;
     const int pid = fork();
     if (pid < 0) {
         logCallFailed("runChildProcess", "fork");
@@ -68,7 +97,7 @@ bool runChildProcessWait(const std::filesystem::path& command,
         const int pid = runChildProcess(command, arguments, environment, owner, logFile);
         Syslog::debug("%s: child started, pid %d", "runChildProcessWait", pid);
         int status = -1;
-        waitpid(pid, &status, 0);
+        reap(pid, status);
         syslogWaitStatus(status, "runChildProcessWait", pid);
         return true;
     } catch (const std::system_error& failure) {

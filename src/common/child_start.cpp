@@ -5,7 +5,9 @@
 #include "logger"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <string_view>
 
 #include <fcntl.h>
@@ -30,6 +32,16 @@ void resetSignals() {
     signal(SIGINT, SIG_IGN);
     signal(SIGHUP, SIG_IGN);
     // NOLINTEND(bugprone-signal-handler)
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGTERM);
+    pthread_sigmask(SIG_UNBLOCK, &termination, nullptr); // blocked since before the fork
+}
+
+/// Whether debug lines are written: the child should not allocate memory for those that are not.
+bool writesDebugLines() {
+    return Syslog::isTraceMode() || Syslog::isDebugLevel(DebugLevel::Debug) ||
+           Syslog::isDebugLevel(DebugLevel::Console);
 }
 
 void switchToOwner(const UserInfo& owner) {
@@ -79,7 +91,7 @@ void closeDescriptorsOnExec() {
 
 void runOwnerCommand(const std::filesystem::path& command, const std::list<std::string>& arguments,
                      const std::list<std::string>& environment, const UserInfo* owner,
-                     const char* logFile) {
+                     const char* logFile) noexcept {
     Syslog::debug("%s: cmd: `%s', owner: `%s', pid: %d, process uid: %d", "runOwnerCommand",
                   command.c_str(), owner != nullptr ? owner->user.c_str() : nullptr, getpid(),
                   getuid());
@@ -87,7 +99,10 @@ void runOwnerCommand(const std::filesystem::path& command, const std::list<std::
     if (getuid() == 0 && owner != nullptr)
         switchToOwner(*owner);
     const std::string output = outputFile(command, owner, logFile);
-    Syslog::debug("%s: add session envs: [ %s ]", "runOwnerCommand", joinList(environment).c_str());
+    if (writesDebugLines()) {
+        Syslog::debug("%s: add session envs: [ %s ]", "runOwnerCommand",
+                      joinList(environment).c_str());
+    }
     closeDescriptorsOnExec();
     redirectOutputsFdTo(output);
 
@@ -132,8 +147,12 @@ std::vector<char*> createENVP(const std::list<std::string>& environment) {
 void redirectOutputsFdTo(const std::string& path) {
     constexpr int flags = O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW;
     int fd = open(path.c_str(), flags, 0640);
-    if (fd < 0)
+    if (fd < 0) {
+        Syslog::warning("%s: log file cannot be opened, output is lost, error: %s, code: %d, "
+                        "path: `%s'",
+                        "redirectOutputsFdTo", strerror(errno), errno, path.c_str());
         fd = open(nullDevice, flags, 0640);
+    }
     if (fd < 0)
         return;
     dup2(fd, STDERR_FILENO);

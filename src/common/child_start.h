@@ -11,9 +11,10 @@
 /// point into the caller's strings and into the process environment.
 namespace Vorl::Utils {
 
-/// Sets the child's signals, account, output file and descriptors, then executes the program. Call
-/// it only in the child; it never returns. If the program cannot be executed, the child executes
-/// /bin/false, so that the parent sees exit code 1.
+/// Sets the child's signals (SIGTERM must be blocked, and no longer is), account, output file and
+/// descriptors, then executes the program. Call it only in the child; it never returns, and an
+/// exception ends the child: it must not unwind into what the child has inherited. If the program
+/// cannot be executed, the child executes /bin/false, so that the parent sees exit code 1.
 ///
 /// @param environment NAME=value entries that override the inherited environment, see createENVP
 /// @param owner the account to switch to when the process is root; null keeps the current one
@@ -22,7 +23,7 @@ namespace Vorl::Utils {
 [[noreturn]] void runOwnerCommand(const std::filesystem::path& command,
                                   const std::list<std::string>& arguments,
                                   const std::list<std::string>& environment, const UserInfo* owner,
-                                  const char* logFile);
+                                  const char* logFile) noexcept;
 
 /// The first argument, the others in order, and a null pointer.
 [[nodiscard]] std::vector<char*> createARGV(const std::string& first,
@@ -35,7 +36,7 @@ namespace Vorl::Utils {
 
 /// Redirects standard output and standard error to the file, which is created with mode 0640 or
 /// truncated. A symbolic link is not followed. If the file cannot be opened, /dev/null is used
-/// instead; if that fails too, the outputs stay unchanged.
+/// instead, with a warning; if that fails too, the outputs stay unchanged.
 void redirectOutputsFdTo(const std::string& path);
 
 } // namespace Vorl::Utils

@@ -36,22 +36,31 @@ namespace Vorl {
 namespace {
 
 /// Adds the key to the library's error message, which does not name it.
+[[noreturn]] void throwNamed(const std::string& key, const Json::LogicError& error) {
+    throw Json::LogicError("key `" + key + "': " + error.what());
+}
+
 template<typename Result>
 Result convert(const Json::Value& root, const std::string& key, const Result& fallback,
                Result (Json::Value::*conversion)() const) {
     try {
         return (root.get(key, fallback).*conversion)();
     } catch (const Json::LogicError& error) {
-        throw Json::LogicError("key `" + key + "': " + error.what());
+        throwNamed(key, error);
     }
 }
 
-template<typename Container> Container textsOf(const Json::Value& member) {
+template<typename Container> Container textsOf(const Json::Value& root, const std::string& key) {
     Container texts;
+    const Json::Value member = root.get(key, Json::Value());
     if (!member.isArray())
         return texts;
-    for (const Json::Value& element : member)
-        element >> texts.emplace_back();
+    try {
+        for (const Json::Value& element : member)
+            element >> texts.emplace_back();
+    } catch (const Json::LogicError& error) {
+        throwNamed(key, error);
+    }
     return texts;
 }
 
@@ -91,11 +100,11 @@ Json::Value JsonConfig::getValue(const std::string& key) const {
 }
 
 std::list<std::string> JsonConfig::getStringList(const std::string& key) const {
-    return textsOf<std::list<std::string>>(getValue(key));
+    return textsOf<std::list<std::string>>(root, key);
 }
 
 std::vector<std::string> JsonConfig::getVectorList(const std::string& key) const {
-    return textsOf<std::vector<std::string>>(getValue(key));
+    return textsOf<std::vector<std::string>>(root, key);
 }
 
 JsonConfigString::JsonConfigString(const std::string& text) : JsonConfig(Json::Value()) {

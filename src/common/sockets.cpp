@@ -60,11 +60,12 @@ Attempt attemptConnect(const sockaddr_un& peer) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return {.failed = "socket", .error = errno};
-    const bool connected = connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0;
-    if (connected && fcntl(fd, F_SETFL, 0) == 0) // clears O_NONBLOCK
-        return {.fd = fd};
-    closeKeepingErrno(fd);
-    return {.failed = connected ? "fcntl" : "connect", .error = errno};
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) < 0) {
+        closeKeepingErrno(fd);
+        return {.failed = "connect", .error = errno};
+    }
+    (void)fcntl(fd, F_SETFL, 0); // clears O_NONBLOCK
+    return {.fd = fd};
 }
 
 bool mayPass(int error) {

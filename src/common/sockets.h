@@ -10,7 +10,8 @@
 namespace Vorl::Socket {
 
 /// Opens a listening IPv4 socket.
-/// @param address dotted quad, NUL-terminated. Any other text makes bind(2) fail.
+/// @param address dotted quad, NUL-terminated. Text that inet_addr(3) does not accept makes bind(2)
+///                fail.
 /// @param port in host byte order
 /// A socket whose bind failed is deliberately left open (see the definition).
 [[nodiscard]] int tcpListen(std::string_view address, std::uint16_t port, int backlog);

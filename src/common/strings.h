@@ -12,7 +12,7 @@ namespace Vorl::Utils {
 /// puts the stream into its failed state: nothing after it is appended.
 template<typename... Values> [[nodiscard]] std::string joinString(const Values&... values) {
     std::ostringstream stream;
-    (stream << ... << values);
+    static_cast<void>((stream << ... << values)); // the cast is for an empty pack
     return stream.str();
 }
 

@@ -4,6 +4,7 @@
 #include "logger"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <thread>
 
@@ -22,8 +23,8 @@ constexpr auto terminationGrace = 3s;
 /// Checks a child without reaping it.
 bool hasEnded(int pid) {
     siginfo_t info{};
-    return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) < 0 ||
-           info.si_pid == pid;
+    const int result = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+    return result < 0 ? errno == ECHILD : info.si_pid == pid;
 }
 
 bool waitForEnd(const TransportHandle& transport, std::chrono::milliseconds limit) {

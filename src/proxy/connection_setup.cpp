@@ -135,6 +135,7 @@ bool ProxyConnection::createJob(PendingConnection& pending) {
     } catch (const std::exception& failure) {
         logFailure(failure.what(), pending.sessionId);
     }
+    // Only what no job owns yet: after a refused proxySessionConnected, the job keeps the rest.
     abandon(pending);
     return false;
 }

@@ -1,5 +1,6 @@
 #include "bus/signal_filter.h"
 #include "common/accounts.h"
+#include "common/call_failure.h"
 #include "logger"
 #include "proxy/command_line.h"
 #include "proxy/proxy_connection.h"
@@ -37,9 +38,21 @@ void becomeUser(CommandLine& commandLine) {
     Utils::switchToUser(*account);
 }
 
+/// @return true in the process that is to end: the parent, also when there is no child
+bool goesToBackground() {
+    const pid_t child = fork();
+    if (child < 0)
+        logCallFailed("main", "fork");
+    return child != 0;
+}
+
 void runProxy(DBus::Connection& connection, const std::string& configPath) {
-    const SignalFilter filter(connection);
+    SignalFilter filter(connection);
     ProxyConnection proxy(connection, configPath, "/net/qarel/vorl", "net.qarel.vorl");
+    filter.deliverHeldTo([&proxy](const DBus::SignalMessage& signal) {
+        if (proxy.path() == signal.path())
+            proxy.net::qarel::vorl_proxy::dispatch_signal(signal);
+    });
     proxy.start();
 }
 
@@ -79,7 +92,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     becomeUser(*commandLine);
-    if (commandLine->background && fork() != 0)
+    if (commandLine->background && goesToBackground())
         return 0;
 
     exitOnTerminationSignals(commandLine->background);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace Vorl {
 
@@ -15,23 +16,26 @@ namespace {
 
 constexpr const char* function = "prepareX11RdpArgs";
 
-/// The entry with the placeholder replaced. A value that would create the placeholder again, alone
-/// or together with the text around it, is refused: the replacement would never end.
-std::string fill(const std::string& entry, std::string_view placeholder, const std::string& value) {
-    std::string once;
-    std::string_view rest = entry;
-    for (auto at = rest.find(placeholder); at != std::string_view::npos;
-         at = rest.find(placeholder)) {
-        once.append(rest.substr(0, at)).append(value);
-        rest.remove_prefix(at + placeholder.size());
+/// The entry with the placeholder replaced, as stringReplace() does it. A value that contains the
+/// placeholder, or creates it again and again together with the text around it, is refused: the
+/// replacement would not end.
+std::string fill(std::string entry, std::string_view placeholder, const std::string& value) {
+    const bool comesBack = value.find(placeholder) != std::string::npos;
+    // Each replacement by a shorter value uses up characters, so any entry that ends is done by
+    // then but for one that was made to take longer.
+    const std::size_t limit = comesBack ? 1 : entry.size();
+    std::size_t replaced = 0;
+    for (auto at = entry.find(placeholder); at != std::string::npos; at = entry.find(placeholder)) {
+        if (replaced++ == limit) {
+            Syslog::error("%s: launch refused, %s still there after %u replacements, check "
+                          "x11rdp:args and the value: `%s'",
+                          function, placeholder.data(), static_cast<unsigned>(limit),
+                          value.c_str());
+            throw vorl_error(function);
+        }
+        entry.replace(at, placeholder.size(), value);
     }
-    once.append(rest);
-    if (once.find(placeholder) != std::string::npos) {
-        Syslog::error("%s: launch refused, value brings its own placeholder back: `%s'", function,
-                      value.c_str());
-        throw vorl_error(function);
-    }
-    return Utils::stringReplace(entry, placeholder, value);
+    return entry;
 }
 
 const char* transportLogLevel(const JsonConfig& settings) {
@@ -51,10 +55,10 @@ std::list<std::string> transportArguments(const JsonConfig& settings, const Json
     if (arguments.empty())
         arguments = {"/ipc-socket:%{socket}", "/max-connections:1"};
     for (std::string& argument : arguments) {
-        argument = fill(argument, "%{socket}", socketPath);
+        argument = fill(std::move(argument), "%{socket}", socketPath);
         argument = Utils::stringReplace(argument, "%{display}", session.getInteger("display"));
-        argument = fill(argument, "%{authfile}", session.getString("xauthfile"));
-        argument = fill(argument, "%{home}", session.getString("home"));
+        argument = fill(std::move(argument), "%{authfile}", session.getString("xauthfile"));
+        argument = fill(std::move(argument), "%{home}", session.getString("home"));
     }
 
     if (builtIn && settings.hasValue("kerberos:keytab")) {
