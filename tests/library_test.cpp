@@ -203,29 +203,6 @@ TEST_F(Library, AnOwnersProgramRunsAndLogsAsTheOwner) {
     EXPECT_EQ(readFile("/tmp/outputs"), "/dev/null\n/dev/null\n");
 }
 
-TEST_F(Library, SignalsReachAChildAtOnceAndDoNotEndTheWaitForIt) {
-    struct sigaction handled {};
-    handled.sa_handler = [](int) {};
-    sigaction(SIGTERM, &handled, nullptr); // as the daemon has a handler
-    sigaction(SIGUSR1, &handled, nullptr); // interrupts a system call
-    for (int i = 0; i < 20; ++i) {
-        const int pid = Utils::runChildProcess("/bin/sleep", {"60"}, {});
-        kill(pid, SIGTERM);
-        int status = 0;
-        ASSERT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 5s));
-        EXPECT_EQ(status, SIGTERM);
-    }
-    signal(SIGTERM, SIG_DFL);
-    std::thread waiter([] {
-        Utils::runChildProcessWait("/bin/sh", {"-c", "sleep 1; exit 3"}, {});
-    });
-    EXPECT_TRUE(journal.saw({"runChildProcessWait: child started, *"}));
-    for (int i = 0; i < 20; ++i, std::this_thread::sleep_for(5ms))
-        pthread_kill(waiter.native_handle(), SIGUSR1);
-    waiter.join();
-    EXPECT_TRUE(journal.saw({"runChildProcessWait: child ended, pid: *, exit code: 3"}));
-}
-
 TEST_F(Library, AProgramStartsWithoutSignalsAndDescriptorsOfOurs) {
     for (int number = 1; number < 32; ++number)
         std::signal(number, number == SIGTERM || number == SIGCHLD ? SIG_IGN : SIG_DFL);
@@ -248,6 +225,29 @@ TEST_F(Library, AProgramStartsWithoutSignalsAndDescriptorsOfOurs) {
     EXPECT_EQ(readFile(log), "0\n1\n2\n3\n");
     const ScopedMount noFalse("/bin/false", "/etc/passwd");
     EXPECT_EQ(run("/etc/passwd", {}), 0) << "nothing could be started";
+}
+
+TEST_F(Library, SignalsReachAChildAtOnceAndDoNotEndTheWaitForIt) {
+    struct sigaction handled {};
+    handled.sa_handler = [](int) {};
+    sigaction(SIGTERM, &handled, nullptr); // as the daemon has a handler
+    sigaction(SIGUSR1, &handled, nullptr); // interrupts a system call
+    for (int i = 0; i < 20; ++i) {
+        const int pid = Utils::runChildProcess("/bin/sleep", {"60"}, {});
+        kill(pid, SIGTERM);
+        int status = 0;
+        ASSERT_TRUE(eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 5s));
+        EXPECT_EQ(status, SIGTERM);
+    }
+    signal(SIGTERM, SIG_DFL);
+    std::thread waiter([] {
+        Utils::runChildProcessWait("/bin/sh", {"-c", "sleep 1; exit 3"}, {});
+    });
+    EXPECT_TRUE(journal.saw({"runChildProcessWait: child started, *"}));
+    for (int i = 0; i < 20; ++i, std::this_thread::sleep_for(5ms))
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+    waiter.join();
+    EXPECT_TRUE(journal.saw({"runChildProcessWait: child ended, pid: *, exit code: 3"}));
 }
 
 TEST_F(Library, TheEndOfAChildIsLogged) {

@@ -213,6 +213,9 @@ TEST_F(RelayJob, AStepSendsEveryByteOnceWhateverInterruptsIt) {
         close(socketFd);
         close(unixFd);
     }
+    signal(SIGALRM, SIG_IGN); // one may be pending
+    pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
+    signal(SIGALRM, SIG_DFL);
 }
 
 TEST_F(RelayJob, TheListIsLockedWhileTheServiceIsAsked) {

@@ -36,12 +36,14 @@ void report(char** argv) {
     std::cerr << "ready" << std::endl;
 }
 
+volatile std::sig_atomic_t leaving = 0; // set by SIGTERM in the mode "slow"
+
 char buffer[65521];
 
 // Reading never waits for writing: the daemon may wait for the reading meanwhile.
 void echo(int fd) {
     std::string queue;
-    for (size_t at = 0;; alarm(patience)) {
+    for (size_t at = 0;; alarm(leaving ? 1 : patience)) {
         pollfd entry{fd, static_cast<short>(queue.empty() ? POLLIN : POLLIN | POLLOUT), 0};
         poll(&entry, 1, -1);
         const ssize_t size = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
@@ -100,7 +102,10 @@ int main(int, char** argv) {
     if (mode == "stubborn" || mode == "refuse") // outlives SIGTERM, and says that it came
         std::signal(SIGTERM, [](int) { std::cout << "SIGTERM" << std::endl; });
     if (mode == "slow") // takes a second to go
-        std::signal(SIGTERM, [](int) { alarm(1); });
+        std::signal(SIGTERM, [](int) {
+            leaving = 1;
+            alarm(1);
+        });
     if (mode == "full")
         listenWithFullQueue(address);
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
