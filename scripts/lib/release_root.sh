@@ -41,7 +41,7 @@ make_root() {
     in_root "$tree" "$in_root_tree/scripts/install-packages" "$@" >"$tree.install.log" 2>&1 ||
         cannot "packages cannot be installed: $(tail -n 1 "$tree.install.log")"
     if [[ ! -e $name || -s $tree.install.log ]]; then
-        rm -rf "${tree:?}$in_root_tree"
+        rm -rf "${tree:?}$in_root_tree" "$tree"/var/cache/apt/archives/*.deb
         tar -C "$tree" -cf "$name.new.$$" --one-file-system . && mv "$name.new.$$" "$name"
     fi
 }
