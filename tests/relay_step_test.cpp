@@ -109,6 +109,17 @@ TEST(RelayStep, GivesTheSameResultForEverySource) {
     }
 }
 
+// A longer step could wait for room at its destination, and the other direction with it.
+TEST(RelayStep, IsBoundedWhereItReceivesFirst) {
+    const std::atomic<bool> running = true;
+    const Pair pair = written(socketPair(), 150'000);
+    const Pair destination = socketPair();
+    std::vector<std::uint8_t> buffer;
+    for (const std::int64_t moved : {128 * 1024, 150'000 - 128 * 1024, 0})
+        EXPECT_EQ(Vorl::streamTransferIter(pair[0].get(), destination[0].get(), buffer, &running),
+                  moved);
+}
+
 // A relay that waits for traffic, and one whose client was dropped.
 TEST_F(DaemonTest, IdleRelaysDoNotWakeUp) {
     start();
