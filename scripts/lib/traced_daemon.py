@@ -15,6 +15,8 @@ import time
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.path.join(SOURCE, "build", "dev")
 JOURNAL = "/run/systemd/journal/socket"
+SESSION, SECOND = 7, 3
+STOP_LIMIT = 5  # seconds
 PATIENCE = 20  # seconds for what no fault keeps from happening
 
 
@@ -149,3 +151,65 @@ class Tracer:
         self.process.communicate()
         with open(self.log, encoding="utf-8", errors="replace") as log:
             return log.read()
+
+
+class Scenario:
+    """One daemon's scenario, with or without a fault."""
+
+    def __init__(self, journal, service):
+        self.journal, self.service = journal, service
+        journal.records.clear()
+        service.lines.clear()
+        self.daemon = Daemon(journal)
+        self.client = None
+
+    def allow(self):
+        """Whether the daemon has tried to listen."""
+        before = self.service.count("<- proxyListenStarted")
+        self.service.command("allow", SESSION, SECOND)
+        return until(lambda: not self.daemon.lives() or self.journal.errors() or
+                     self.service.count("<- proxyListenStarted") > before, 2)
+
+    def connect(self):
+        """What becomes of a client: "served", "let go", "not admitted" or "held"."""
+        self.client = socket.socket()
+        self.client.settimeout(12)  # a launch that fails takes five seconds
+        try:
+            self.client.connect(("127.0.0.1", self.daemon.port))
+        except OSError:
+            return "not admitted"
+        try:
+            self.client.sendall(b"hello")
+            return "served" if self.client.recv(5, socket.MSG_WAITALL) == b"hello" else "let go"
+        except socket.timeout:
+            return "held"
+        except OSError:
+            return "let go"
+
+    def connection(self):
+        self.allow()
+        outcome = self.connect()
+        self.client.close()
+        until(lambda: self.daemon.idle() and not (outcome == "served" and self.daemon.files()), 6)
+        return outcome
+
+    def second_connection(self):
+        """Whether another allowance works, tried again while the daemon is busy with the first."""
+        def works():
+            self.journal.records.clear()
+            self.allow()
+            return self.connect() == "served" or not self.daemon.lives()
+        served = until(works, 15)
+        return served and self.daemon.lives()
+
+    def stop(self):
+        """The seconds that it takes; nothing when it takes more than twice the limit."""
+        begin = time.monotonic()
+        self.daemon.process.send_signal(signal.SIGTERM)
+        try:
+            self.daemon.process.wait(2 * STOP_LIMIT)
+        except subprocess.TimeoutExpired:
+            self.daemon.process.kill()
+            self.daemon.process.wait()
+            return None
+        return time.monotonic() - begin
