@@ -1,0 +1,241 @@
+#include "session/admission.h"
+
+#include <gtest/gtest.h>
+
+namespace VorlTest {
+
+using namespace Vorl::Session;
+using namespace std::chrono_literals;
+
+// The decisions of the session service, driven by events and a clock value.
+class SessionAdmission : public testing::Test {
+protected:
+    SessionAdmission() { reach("3", "alice"); }
+
+    void reach(const std::string& session, const std::string& user) {
+        admission.setDesktop(Admission::Desktop{session, user}, {session}, now);
+    }
+
+    void pass(Clock::duration time) {
+        now += time;
+        admission.advance(now);
+    }
+
+    // What was decided since the last call, as words with the allowance's number.
+    std::string decided() {
+        static const char* const names[] = {"allow",      "cancel", "open",  "taken",   "close",
+                                            "disconnect", "shown",  "ended", "unshown", "refused"};
+        std::string text;
+        collect();
+        for (const Action& action : std::exchange(actions, {}))
+            text += names[static_cast<int>(action.what)] + std::string(" ") +
+                    std::to_string(action.client.number) + ", ";
+        return text;
+    }
+
+    void collect() {
+        for (Action& action : admission.takeActions()) {
+            if (action.what == Action::What::Allow)
+                allowed = action.client.number;
+            actions.push_back(std::move(action));
+        }
+    }
+
+    // The next allowance, up to its relay.
+    std::uint32_t connect(const std::string& address = "192.0.2.1") {
+        pass(300ms); // the daemon may be busy
+        collect();
+        const std::uint32_t number = allowed;
+        admission.listenStarted(number, true, now);
+        EXPECT_TRUE(admission.clientConnected(number, address, 4000, now)) << number;
+        EXPECT_TRUE(admission.mayDescribe(number));
+        admission.relayStarted(number, 1000, now);
+        return number;
+    }
+
+    void show(std::uint32_t number) { admission.counted(number, 12'001, 1'714, now); }
+
+    std::uint32_t connectAndSee() {
+        const std::uint32_t number = connect();
+        show(number);
+        return number;
+    }
+
+    void use(Policy policy, int limit = 10) { admission.setRules({policy, limit, true, true}); }
+
+    bool isConnected(std::uint32_t number) {
+        for (const Client& client : admission.clients()) {
+            if (client.number == number)
+                return client.end.empty();
+        }
+        return false;
+    }
+
+    Time now{1000s};
+    std::uint32_t allowed = 0; // the newest allowance
+    std::vector<Action> actions;
+    Admission admission{7};
+};
+
+TEST_F(SessionAdmission, RepeatsAnAllowanceUntilTheDaemonListensAndUsesEachNumberOnce) {
+    EXPECT_EQ(decided(), "allow 7, ");
+    pass(999ms);
+    EXPECT_EQ(decided(), "");
+    pass(1ms);
+    EXPECT_EQ(decided(), "allow 7, ");
+    pass(2s);
+    EXPECT_TRUE(admission.unanswered(now));
+    admission.listenStarted(7, true, now);
+    EXPECT_FALSE(admission.unanswered(now));
+    EXPECT_TRUE(admission.listening());
+    decided();
+    pass(24h);
+    EXPECT_EQ(decided(), "");
+
+    admission.setDesktop({}, {}, now);
+    EXPECT_EQ(decided(), "cancel 7, close 7, ");
+    reach("4", "bob");
+    EXPECT_EQ(decided(), ""); // the daemon is busy closing the port
+    EXPECT_EQ(admission.nextDeadline(), now + 300ms);
+    pass(300ms);
+    EXPECT_EQ(decided(), "allow 8, ");
+    admission.listenStarted(7, true, now); // of a repeated allowance: nobody would watch over it
+    EXPECT_EQ(decided(), "cancel 7, ");
+    EXPECT_FALSE(admission.clientConnected(7, "192.0.2.1", 4000, now));
+
+    admission.listenStarted(8, false, now);
+    pass(4999ms);
+    EXPECT_EQ(decided(), ""); // the port is in use
+    pass(1ms);
+    EXPECT_EQ(decided(), "allow 9, ");
+    admission.daemonChanged(now);
+    EXPECT_EQ(decided(), "allow 10, ");
+}
+
+TEST_F(SessionAdmission, PoliciesCountOnlyClientsThatSeeThePicture) {
+    for (const Policy policy : {Policy::Refuse, Policy::Replace, Policy::Allow}) {
+        use(policy, 2);
+        const std::uint32_t user = connectAndSee();
+        // As long as one may still come, a stranger changes nothing for the user.
+        const std::uint32_t stranger = policy == Policy::Refuse ? 0 : connect("192.0.2.66");
+        admission.counted(stranger, 2'286, 100'000, now);
+        admission.counted(stranger, 100'000, 998, now);
+        EXPECT_TRUE(isConnected(user));
+        decided();
+
+        EXPECT_EQ(admission.full(), policy == Policy::Refuse);
+        EXPECT_EQ(admission.nextDeadline() == Time::max(), policy == Policy::Refuse);
+        if (policy != Policy::Refuse) {
+            const std::uint32_t second = connectAndSee();
+            EXPECT_EQ(isConnected(user), policy == Policy::Allow);
+            EXPECT_TRUE(isConnected(second));
+            EXPECT_EQ(admission.full(), policy == Policy::Allow);
+        }
+        for (const Client& client : std::vector(admission.clients()))
+            admission.relayEnded(client.number, now);
+    }
+}
+
+TEST_F(SessionAdmission, OfTwoThatCameTogetherThePolicyDecidesWhenTheySeeThePicture) {
+    use(Policy::Refuse);
+    const std::uint32_t first = connect(), second = connect();
+    decided();
+    show(second);
+    EXPECT_EQ(decided(), "shown 8, cancel 9, ");
+    show(first);
+    EXPECT_EQ(decided(), "shown 7, disconnect 7, ");
+    EXPECT_TRUE(isConnected(second));
+}
+
+TEST_F(SessionAdmission, AClientThatDoesNotLogInGoesAfterHalfAMinute) {
+    const std::uint32_t silent = connect();
+    EXPECT_EQ(decided(), "allow 7, open 7, taken 7, allow 8, "); // the others are not kept waiting
+    admission.listenStarted(8, true, now);
+    decided();
+    EXPECT_EQ(admission.nextDeadline(), now + 30s);
+    pass(29'999ms);
+    EXPECT_EQ(decided(), "");
+    pass(1ms);
+    EXPECT_EQ(decided(), "disconnect 7, ");
+    pass(2s);
+    EXPECT_EQ(decided(), "disconnect 7, "); // it may have been lost
+    admission.relayEnded(silent, now);
+    EXPECT_EQ(decided(), "unshown 7, ");
+}
+
+TEST_F(SessionAdmission, SlowsDownAnAddressThatKeepsFailing) {
+    const auto fail = [&] { admission.relayEnded(connect(), now); };
+    const auto isRefused = [&](const char* address) {
+        pass(300ms); // the daemon has let the last one go
+        collect();
+        const bool admitted = admission.clientConnected(allowed, address, 4000, now);
+        if (admitted)
+            admission.notDescribed(allowed, "only tried", now);
+        pass(1s);
+        return !admitted;
+    };
+    fail(); // costs nothing: clients that ask for the kinds of security do so
+    fail();
+    EXPECT_TRUE(isRefused("192.0.2.1"));
+    EXPECT_FALSE(isRefused("192.0.2.2"));
+    EXPECT_FALSE(isRefused("192.0.2.1")); // more than a second later
+    for (int i = 0; i < 10; ++i, pass(31s))
+        fail();
+    EXPECT_FALSE(isRefused("192.0.2.1")); // half a minute is the most
+    fail();
+    pass(20s);
+    EXPECT_TRUE(isRefused("192.0.2.1"));
+    pass(10s);
+    connectAndSee();
+    fail();
+    EXPECT_FALSE(isRefused("192.0.2.1")); // it has shown that it can log in
+}
+
+TEST_F(SessionAdmission, ManySilentClientsCannotShutOutTheUser) {
+    for (int i = 0; i < 4; ++i)
+        connect("192.0.2.66");
+    collect();
+    EXPECT_FALSE(admission.clientConnected(allowed, "192.0.2.66", 4000, now));
+    for (int i = 0; i < 13; ++i)
+        connect("192.0.2." + std::to_string(100 + i));
+    EXPECT_FALSE(isConnected(7)); // the oldest
+    EXPECT_TRUE(isConnected(8));
+    EXPECT_TRUE(isConnected(connectAndSee()));
+}
+
+TEST_F(SessionAdmission, ConnectionsEndWithTheirSessionAndOnLockWhereThatIsTold) {
+    const std::uint32_t alice = connectAndSee();
+    admission.setRules({Policy::Allow, 10, false, true});
+    admission.locked("3", now);
+    EXPECT_TRUE(isConnected(alice));
+    use(Policy::Allow);
+    admission.locked("4", now);
+    EXPECT_TRUE(isConnected(alice));
+    // Another user in the foreground has the port, and takes nothing from who is connected.
+    admission.setDesktop(Admission::Desktop{"4", "bob"}, {"3", "4"}, now);
+    EXPECT_TRUE(isConnected(alice));
+    const std::uint32_t bob = connectAndSee();
+    admission.setDesktop(Admission::Desktop{"4", "bob"}, {"4"}, now);
+    EXPECT_FALSE(isConnected(alice));
+    EXPECT_TRUE(isConnected(bob));
+    admission.locked("4", now);
+    EXPECT_FALSE(isConnected(bob));
+}
+
+TEST_F(SessionAdmission, AClientOnItsWayGetsNothingOfTheNextSession) {
+    admission.listenStarted(7, true, now);
+    EXPECT_TRUE(admission.clientConnected(7, "192.0.2.1", 4000, now));
+    reach("4", "bob");
+    EXPECT_FALSE(admission.mayDescribe(7));
+    decided();
+    admission.relayStarted(7, 1000, now);
+    EXPECT_EQ(decided(), "disconnect 7, allow 8, ");
+    admission.listenStarted(8, true, now);
+    EXPECT_TRUE(admission.clientConnected(8, "192.0.2.1", 4000, now));
+    pass(10s); // its shadow server has failed
+    EXPECT_EQ(decided(), "open 8, taken 8, unshown 8, disconnect 7, allow 9, ");
+    admission.stop(now);
+    EXPECT_EQ(decided(), "cancel 9, ");
+}
+
+} // namespace VorlTest
