@@ -53,7 +53,7 @@ protected:
         return number;
     }
 
-    void show(std::uint32_t number) { admission.counted(number, 12'001, 1'714, now); }
+    void show(std::uint32_t number) { admission.counted(number, 6'301, 5'053, now); }
 
     std::uint32_t connectAndSee() {
         const std::uint32_t number = connect();
@@ -129,6 +129,7 @@ TEST_F(SessionAdmission, PoliciesCountOnlyClientsThatSeeThePicture) {
             const std::uint32_t second = connectAndSee();
             EXPECT_EQ(isConnected(user), policy == Policy::Allow);
             EXPECT_TRUE(isConnected(second));
+            EXPECT_TRUE(isConnected(stranger));
             EXPECT_EQ(admission.full(), policy == Policy::Allow);
         }
         for (const Client& client : std::vector(admission.clients()))
@@ -159,6 +160,8 @@ TEST_F(SessionAdmission, AClientThatDoesNotLogInGoesAfterHalfAMinute) {
     EXPECT_EQ(decided(), "disconnect 7, ");
     pass(2s);
     EXPECT_EQ(decided(), "disconnect 7, "); // it may have been lost
+    pass(1999ms);
+    EXPECT_EQ(decided(), "");
     admission.relayEnded(silent, now);
     EXPECT_EQ(decided(), "unshown 7, ");
 }
