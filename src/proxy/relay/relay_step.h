@@ -35,7 +35,7 @@ enum RelayEnd : std::int64_t {
 /// The most bytes that one streamTransferIter() moves. A socket that polls writable has room for
 /// them with the buffers of sizeRelayBuffers(), also where the system limits those, so the send
 /// does not block.
-inline constexpr std::size_t largestStreamStep = 128 * 1024;
+inline constexpr std::size_t largestStreamStep = std::size_t{128} * 1024;
 
 /// Does what jobTransferIter() does, for a relay's own two sockets: in bounded steps, so that
 /// neither direction delays the other, and with fewer system calls. It receives first, and asks for
