@@ -146,7 +146,7 @@ shows() {
 
 expect_picture_on() {
     local file
-    file=$work/${stage//[^a-z0-9]/-}-$1.png
+    file=$work/${stage//[^A-Za-z0-9]/-}-$1.png
     display[desktop]=${display[$2]} authority[desktop]=${authority[$2]}
     wait_until 25 shows "$1" || { cp "$work/client.png" "$file" && fail "$differing of the pixels differ; see $file"; }
     cp "$work/client.png" "$file"

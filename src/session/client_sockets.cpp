@@ -75,7 +75,7 @@ std::vector<ClientSocket> socketsOf(const DaemonAddress& daemon) {
     const FileDescriptor diag = ask(daemon.port);
     const in_addr_t local = inet_addr(daemon.address.c_str());
     std::vector<ClientSocket> sockets;
-    alignas(nlmsghdr) std::array<char, 32768> buffer;
+    alignas(nlmsghdr) std::array<char, 32768> buffer{};
     for (;;) {
         const ssize_t size = recv(diag.get(), buffer.data(), buffer.size(), 0);
         if (size <= 0)

@@ -18,6 +18,7 @@ constexpr std::size_t mostCalls = 1000;
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
+    result.reserve(texts.size() + 1);
     for (std::string& text : texts)
         result.push_back(text.data());
     result.push_back(nullptr);
@@ -57,7 +58,7 @@ void FrontHook::tell(const std::filesystem::path& program, const std::string& ev
     }
     Call call{program, event, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"}};
     for (const auto& [name, value] : facts)
-        call.environment.push_back(name + "=" + value);
+        call.environment.push_back(std::string(name).append("=").append(value));
     calls.push_back(std::move(call));
     if (calls.size() == 1)
         next();

@@ -2,7 +2,6 @@
 
 #include "session/not_ready.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -63,7 +62,6 @@ std::vector<LoginSession> graphicalSessions() {
         std::free(ids[i]);
     }
     std::free(static_cast<void*>(ids));
-    std::ranges::stable_partition(sessions, &LoginSession::active);
     return sessions;
 }
 

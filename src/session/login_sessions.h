@@ -23,7 +23,7 @@ struct LoginSession {
     return session.user + "'s session " + session.id;
 }
 
-/// The graphical sessions of users that are "active" or "online", the active ones first.
+/// The graphical sessions of users that are "active" or "online".
 ///
 /// Not those that are "closing": an ended session with a leftover process keeps its display, which
 /// may be the greeter's by then.

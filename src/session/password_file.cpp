@@ -24,7 +24,7 @@ namespace {
 
 std::string readAll(int file) {
     std::string content;
-    std::array<char, 4096> buffer;
+    std::array<char, 4096> buffer{};
     for (ssize_t size; (size = read(file, buffer.data(), buffer.size())) > 0;)
         content.append(buffer.data(), static_cast<std::size_t>(size));
     return content;
@@ -67,8 +67,8 @@ std::string toUtf16(const std::string& password) {
 
 std::string hashOf(const std::string& password) {
     std::string utf16 = toUtf16(password);
-    md4_ctx context;
-    std::array<std::uint8_t, MD4_DIGEST_SIZE> digest;
+    md4_ctx context{};
+    std::array<std::uint8_t, MD4_DIGEST_SIZE> digest{};
     md4_init(&context);
     md4_update(&context, utf16.size(), reinterpret_cast<const std::uint8_t*>(utf16.data()));
     md4_digest(&context, digest.size(), digest.data());

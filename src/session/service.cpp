@@ -181,7 +181,7 @@ void Service::report(std::vector<std::string> found) {
     for (const std::string& problem : daemonProblems())
         found.push_back(problem);
     std::ranges::sort(found);
-    found.erase(std::ranges::unique(found).begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
     for (const std::string& problem : found) {
         if (std::ranges::find(problems, problem) == problems.end())
             Syslog::notice("%s: %s", "vorl_session", problem.c_str());

@@ -15,7 +15,7 @@
 namespace Vorl::Session {
 
 const Ticket& Tickets::make(const std::string& user, Time now) {
-    std::array<std::uint8_t, 16> bytes;
+    std::array<std::uint8_t, 16> bytes{};
     if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
         throw std::system_error(errno, std::generic_category(), "getrandom");
     return valid.emplace_back(Ticket{toHex(bytes), user, now + lifetime});
@@ -30,7 +30,7 @@ std::vector<Ticket> Tickets::takeExpired(Time now) {
 }
 
 template<typename Condition> std::vector<Ticket> Tickets::takeIf(Condition condition) {
-    const auto end = std::ranges::stable_partition(valid, std::not_fn(condition)).begin();
+    const auto end = std::stable_partition(valid.begin(), valid.end(), std::not_fn(condition));
     std::vector<Ticket> taken(std::make_move_iterator(end), std::make_move_iterator(valid.end()));
     valid.erase(end, valid.end());
     return taken;
