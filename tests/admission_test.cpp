@@ -65,7 +65,7 @@ TEST_F(Admission, TheListenerGoesAfterTheLongerOfBothTimes) {
     EXPECT_EQ(service.count("proxyClientConnected *"), 0u);
 }
 
-TEST_F(Admission, AValueOfTheWrongTypeCostsTheAllowance) {
+TEST_F(Admission, AValueOfTheWrongTypeIsNoDefault) {
     start(R"("listen:timeout": "long")");
     service->signalProxyAllowConnection(7, 3);
     EXPECT_TRUE(journal.saw({admit + "exception: key `listen:timeout': *, session id: 7"}));
@@ -73,6 +73,10 @@ TEST_F(Admission, AValueOfTheWrongTypeCostsTheAllowance) {
     start(R"("listen:addr": [])");
     service->signalProxyAllowConnection(7, 3);
     EXPECT_TRUE(journal.saw({task + "exception: key `listen:addr': *, session id: 7"}));
+    stop();
+    start(R"("listen:port": null)");
+    allow();
+    EXPECT_TRUE(connectTo(3389)) << "when none is configured";
 }
 
 TEST_F(Admission, KeepaliveIsAnOptionAndRefusedValuesAreOnlyWarnedOf) {

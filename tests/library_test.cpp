@@ -5,6 +5,7 @@
 #include "common/readiness.h"
 #include "common/sockets.h"
 #include "common/strings.h"
+#include "common/transport_handle.h"
 #include "fixtures/client.h"
 #include "fixtures/daemon.h"
 #include "fixtures/journal.h"
@@ -248,6 +249,20 @@ TEST_F(Library, SignalsReachAChildAtOnceAndDoNotEndTheWaitForIt) {
         pthread_kill(waiter.native_handle(), SIGUSR1);
     waiter.join();
     EXPECT_TRUE(journal.saw({"runChildProcessWait: child ended, pid: *, exit code: 3"}));
+}
+
+TEST_F(Library, AChildWithoutAThreadThatWaitsForItEndsInTheSameWay) {
+    const int pid = Utils::runChildProcess("/bin/sleep", {"60"}, {});
+    TransportHandle child{pid, std::async(std::launch::deferred, [pid] {
+                              int status = -1;
+                              waitpid(pid, &status, 0);
+                              return status;
+                          })};
+    EXPECT_TRUE(transportRunning(child));
+    terminateTransport(child);
+    releaseTransport(child, std::chrono::steady_clock::now(), "caller");
+    EXPECT_TRUE(journal.saw({"caller: child ended, pid: *, killed by signal: 15"}));
+    EXPECT_EQ(journal.count("*: transport does not end, *"), 0u);
 }
 
 TEST_F(Library, TheEndOfAChildIsLogged) {

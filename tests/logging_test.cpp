@@ -33,6 +33,10 @@ TEST(Logging, EachLevelLetsItsSeveritiesThrough) {
         EXPECT_EQ(seen, priorities) << static_cast<int>(level);
         journal.forget();
     }
+    std::filesystem::remove("/run/systemd/journal/socket");
+    errno = 5;
+    Syslog::error("%s", "nobody listens");
+    EXPECT_EQ(errno, 5);
     EXPECT_EQ(Vorl::notifyLevel(1) * 100 + Vorl::notifyLevel(2) * 10 + Vorl::notifyLevel(3), 120);
 }
 

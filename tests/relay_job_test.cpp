@@ -7,6 +7,7 @@
 #include "proxy/relay/relay_step.h"
 
 #include <csignal>
+#include <fstream>
 #include <future>
 
 #include <fcntl.h>
@@ -243,6 +244,24 @@ TEST_F(RelayJob, TheListIsLockedWhileTheServiceIsAsked) {
         EXPECT_EQ(jobs.sweep().value_or(0), 0u) << "carries out what was noted meanwhile";
     }
     EXPECT_TRUE(ends(client));
+}
+
+TEST(SocketFile, IsRemovedByTheLastThatHasItFromAnyThread) {
+    const std::string path = makeDirectory() / "socket";
+    const auto hold = [] {
+        for (int i = 0; i < 20'000; ++i)
+            const Vorl::SocketFile file("held by nobody else" + std::to_string(i % 7));
+    };
+    { const std::jthread first(hold), second(hold); }
+    std::ofstream(path) << "";
+    Vorl::SocketFile earlier(path);
+    {
+        const Vorl::SocketFile moved(std::move(earlier)), later(path);
+        moved.remove();
+        EXPECT_TRUE(std::filesystem::exists(path));
+    }
+    Vorl::SocketFile(path).remove();
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 } // namespace VorlTest

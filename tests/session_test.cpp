@@ -184,8 +184,12 @@ TEST_F(Session, TheProgramThatCameWithTheDaemonGetsMoreArguments) {
     EXPECT_TRUE(journal.saw({"prepareX11RdpArgs: keytab not exists, path: `/no/file'"}));
     EXPECT_EQ(arguments(program + R"("debug:level": "trace")"),
               ", stub:echo" + security + ", /log-level:ERROR");
+    EXPECT_TRUE(journal.saw({"runOwnerCommand: add session envs: *"})) << "when tracing as well";
     EXPECT_EQ(arguments(program + R"("debug:level": "none", "transport:debug": true)"),
               ", stub:echo" + security + ", /log-level:DEBUG");
+    std::filesystem::copy(SHADOW_STUB, "/usr/libexec/vorl/freerdp-shadow-cli");
+    EXPECT_EQ(arguments(R"("x11rdp:path": null)"), ", stub:echo" + security + ", /log-level:INFO");
+    EXPECT_EQ(journal.count("*: rdp transport changed to: *"), 0u);
 }
 
 TEST_F(Session, AMissingProgramIsLookedForInTheUsualPlaces) {

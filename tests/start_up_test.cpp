@@ -82,6 +82,19 @@ TEST_F(StartUp, UserSwitchesTheAccountOfAllThatFollows) {
     EXPECT_NE(shadow("environment").find("HOME=" + home.string()), std::string::npos);
     stop();
 
+    std::filesystem::copy(VORL_PROXY, home / "vorl_proxy");
+    const std::vector<std::string> asRoot = std::exchange(
+        daemon.arguments, {"--reuid=4711", "--regid=4712", "--clear-groups", home / "vorl_proxy",
+                           "--config", "proxy.json", "--user", "nobody-known"});
+    daemon.program = "/usr/bin/setpriv";
+    daemon.environment[0] = "HOME=" + home.string();
+    start();
+    EXPECT_EQ(journal.count("getUserInfo: *"), 0u) << "without root, the option is ignored";
+    stop();
+    daemon.program = VORL_PROXY;
+    daemon.arguments = asRoot;
+    daemon.environment[0] = "HOME=" + daemon.home.string();
+
     std::filesystem::permissions(daemon.configuration, std::filesystem::perms::owner_read);
     expectEnd({"readJson: open failed, path: *proxy.json", "exception: ProxyConnection"});
 

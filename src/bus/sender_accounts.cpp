@@ -45,9 +45,7 @@ void SenderAccounts::CancelCall::operator()(DBusPendingCall* call) const {
 
 SenderAccounts::SenderAccounts(std::string serviceName, std::function<void()> whenAnswered)
     : bus(openSystemBus()), service(std::move(serviceName)), ownAccount(geteuid()),
-      answered(std::move(whenAnswered)), owner(service) {
-    find(owner); // by the well-known name, whose owner is not known yet
-}
+      answered(std::move(whenAnswered)), owner(service) {}
 
 int SenderAccounts::takeAnswers() {
     dbus_connection_read_write(bus.get(), 0);

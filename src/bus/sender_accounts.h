@@ -39,9 +39,7 @@ public:
     ~SenderAccounts() = default; // look-ups that are not answered yet are cancelled
 
     /// Takes the answers that have arrived. Does not wait.
-    /// @return the descriptor that becomes readable with the next ones; negative when the
-    /// connection
-    ///         is lost
+    /// @return the descriptor to poll for the next ones; negative when the connection is lost
     int takeAnswers();
 
     /// @param sender the unique bus name of a connection
@@ -78,7 +76,9 @@ private:
     const uid_t ownAccount;
     const std::function<void()> answered;
     std::map<std::string, Sender> senders; // by bus name
-    std::string owner;                     // bus name of the session service; empty for none
+    /// Bus name of the session service; empty for none. Its well-known name until the first
+    /// NameOwnerChanged.
+    std::string owner;
 };
 
 } // namespace Vorl

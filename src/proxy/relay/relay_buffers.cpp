@@ -9,12 +9,12 @@ namespace {
 
 // The kernel doubles each of these values to allow for its own bookkeeping, see socket(7).
 
-// Limits one step to 1 MiB, and an upload to 30 MB/s at a round trip of 20 ms.
+// Limits an upload to 30 MB/s at a round trip of 20 ms.
 constexpr int uploadBytes = 512 * 1024;
-// A local socket reports room once three quarters are free: more than an upload's step.
+// A local socket polls writable once three quarters are free: 312 KiB at least, with the limit of
+// 208 KiB that Linux sets by default.
 constexpr int transportSendBytes = 768 * 1024;
-// A TCP socket reports room once a third is free: more than the 208 KiB that the shadow server's
-// own send buffer holds.
+// A TCP socket polls writable once a third is free: 138 KiB at least, with the same limit.
 constexpr int clientSendBytes = 384 * 1024;
 
 void setSize(int fd, int privileged, int limited, int bytes) {

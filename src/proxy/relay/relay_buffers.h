@@ -5,10 +5,10 @@ namespace Vorl {
 /// Sets the buffer sizes of a relay's two sockets so that no transfer step delays the other
 /// direction.
 ///
-/// A step receives everything that is available at its source and returns once its destination has
-/// accepted it. So a receive buffer of fixed size limits the client's upload, and each send buffer
-/// is so large that a socket which reports room has room for a whole step. Otherwise a send would
-/// block on a slow line or a slow shadow server, and delay keystrokes or frames.
+/// A step returns once its destination has accepted all bytes. So each send buffer is so large that
+/// a socket which polls writable has room for a whole step. Otherwise a send would block on a slow
+/// line or a slow shadow server, and delay keystrokes or frames. A receive buffer of fixed size
+/// limits the memory of the client's upload.
 ///
 /// Without CAP_NET_ADMIN the system's limits (net.core.rmem_max and wmem_max) apply, see socket(7).
 /// A relay works with buffers of any size.

@@ -3,10 +3,8 @@
 #include "common/call_failure.h"
 #include "common/readiness.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <iterator>
 
 #include <sys/socket.h>
 
@@ -50,17 +48,6 @@ std::int64_t forward(ssize_t received, int destination, const std::vector<std::u
     return received;
 }
 
-/// Receives what is available beyond a full buffer.
-/// @return the number of bytes
-ssize_t receiveRest(int source, std::vector<std::uint8_t>& buffer) {
-    const std::size_t full = buffer.size();
-    const auto more = static_cast<std::size_t>(Utils::hasData(source));
-    buffer.resize(full + more + 1); // the same amount does not fill it again
-    if (more == 0)
-        return 0;
-    return std::max<ssize_t>(recv(source, buffer.data() + full, more, MSG_DONTWAIT), 0);
-}
-
 /// Whether a step that asks first would have come to its receive call.
 /// @throws vorl_error when it would have ended by an exception
 bool hasCountableInput(int source) {
@@ -84,15 +71,12 @@ std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8
 
 std::int64_t streamTransferIter(int source, int destination, std::vector<std::uint8_t>& buffer,
                                 const std::atomic<bool>* running) {
-    if (buffer.empty())
-        return jobTransferIter(source, destination, buffer, running);
-    ssize_t received = recv(source, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    buffer.resize(largestStreamStep);
+    const ssize_t received = recv(source, buffer.data(), buffer.size(), MSG_DONTWAIT);
     const int error = errno;
     if (received < 0 && error == EAGAIN)
         return jobTransferIter(source, destination, buffer, running);
     try {
-        if (received == std::ssize(buffer))
-            received += receiveRest(source, buffer);
         if (received < 0 && !hasCountableInput(source))
             return 0;
     } catch (const std::exception&) {

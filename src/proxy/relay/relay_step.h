@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -31,14 +32,17 @@ enum RelayEnd : std::int64_t {
                                            std::vector<std::uint8_t>& buffer,
                                            const std::atomic<bool>* running = nullptr);
 
-/// Does what jobTransferIter() does, for a relay's own two sockets and with fewer system calls: it
-/// receives first, and asks for input and its size only when that found none or filled the buffer.
-/// Results and log lines are the same.
+/// The most bytes that one streamTransferIter() moves. A socket that polls writable has room for
+/// them with the buffers of sizeRelayBuffers(), also where the system limits those, so the send
+/// does not block.
+inline constexpr std::size_t largestStreamStep = std::size_t{128} * 1024;
+
+/// Does what jobTransferIter() does, for a relay's own two sockets: in bounded steps, so that
+/// neither direction delays the other, and with fewer system calls. It receives first, and asks for
+/// input and its size only when that found none. Results and log lines are the same.
 ///
-/// @param source a stream socket: of a datagram that is larger than the buffer, the rest would be
-///               lost
-/// @param buffer empty at first. Keeps the size of the largest step, whose bytes it still holds
-///               behind those of this one: to clear them would take longer than the calls saved.
+/// @param source a stream socket: of a larger datagram, the rest would be lost
+/// @param buffer empty at first; keeps the size of the largest step
 [[nodiscard]] std::int64_t streamTransferIter(int source, int destination,
                                               std::vector<std::uint8_t>& buffer,
                                               const std::atomic<bool>* running);

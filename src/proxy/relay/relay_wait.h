@@ -17,8 +17,8 @@ struct Traffic {
 /// A socket that reports a hang-up or an error and has no input, as one that is not connected, is
 /// left out: poll(2) would report it again and again.
 ///
-/// A send that waits for room is not ended here, but by JobTransfer::stop(), which shuts the sockets
-/// down.
+/// A send that waits for room is not ended here, but by JobTransfer::stop(), which shuts the
+/// sockets down.
 ///
 /// @return the directions with traffic, as soon as there are any. None when a destination has
 ///         become writable, when a socket has hung up, or when the daemon stops.
