@@ -12,8 +12,8 @@ connect() {
     reached "session $session may have one client"
 
     stage listener
-    port_open || fail "nobody listens on port $port"
-    reached "the daemon waits on 127.0.0.1:$port"
+    port_open || fail "port $port is not open"
+    reached "the daemon listens on 127.0.0.1:$port"
 
     stage client
     say "$(client_line "$1" "$2")"
@@ -24,11 +24,11 @@ connect() {
     stage shadow
     wait_until 10 seen "<- vorlSessionInfoJson" || fail "the daemon has not asked for the session"
     wait_until 10 seen "unixConnect: fd:" || fail "the shadow server has no socket"
-    reached "a shadow server of its own for this client listens on its socket"
+    reached "this client's shadow server listens on its unix socket"
 
     stage relay
     await_relay
-    reached "the daemon carries bytes between the client and shadow server $shadow_pid"
+    reached "the daemon relays between the client and shadow server $shadow_pid"
 }
 
 # In the kernel's table: the port in hexadecimal, no peer, state LISTEN.
@@ -39,14 +39,14 @@ show_picture() {
     local file=$output/vorl-demo-$1.png
     stage picture
     expect_picture "$file"
-    [[ -d /proc/$shadow_pid ]] || fail "shadow server $shadow_pid is not there"
+    [[ -d /proc/$shadow_pid ]] || fail "shadow server $shadow_pid is not running"
     shadow_files=$(relay_files)
-    [[ $shadow_files == *"proxy_${session}_0"* ]] || fail "the shadow server's socket is not there"
-    reached "the desktop, but for $differing of $((${size/x/ * })) pixels; saved as"$'\n'"$file"
+    [[ $shadow_files == *"proxy_${session}_0"* ]] || fail "the shadow server's socket does not exist"
+    reached "the desktop, except for $differing of $((${size/x/ * })) pixels; saved as"$'\n'"$file"
 }
 
 show_clean_up() {
     stage clean-up
     expect_nothing_left
-    reached "gone: shadow server $shadow_pid and ${shadow_files% }"
+    reached "shadow server $shadow_pid has ended; removed: ${shadow_files% }"
 }

@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with demo/run
 # How the demo ends.
 
-# fail TEXT: the end of the demo, with the last words of everybody who had any.
+# fail TEXT: ends the demo, and shows the last lines of every log.
 fail() {
     say "$1"
     {
@@ -15,7 +15,7 @@ clean_up() {
     local pid
     trap '' INT TERM
     stop_all
-    # A daemon that was killed leaves its shadow servers; the path of the socket is ours alone.
+    # A daemon that was killed leaves its shadow servers; only ours have a socket in this directory.
     while IFS=/ read -r _ _ pid _; do
         kill -KILL "$pid" 2>/dev/null || true
     done < <(grep -lsa "ipc[-]socket:$work/" /proc/[0-9]*/cmdline)

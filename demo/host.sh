@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with demo/run
-# The host that the daemon lives on: bus, journal and session service, and the daemon itself.
+# The host that the daemon runs on: bus, journal and session service, and the daemon itself.
 
 listen_timeout=30 # seconds
 
@@ -19,7 +19,7 @@ start_journal() {
     mkdir -p /run/log/journal /run/systemd/journal /run/systemd/journald.conf.d
     cp "$here/journald.conf" /run/systemd/journald.conf.d/zz-vorl-demo.conf
     SYSTEMD_LOG_TARGET=console start_needed journal /lib/systemd/systemd-journald
-    wait_until 10 test -S /run/systemd/journal/socket || fail "journald has made no socket"
+    wait_until 10 test -S /run/systemd/journal/socket || fail "journald does not listen"
     reached "a private systemd-journald"
 }
 
@@ -47,16 +47,16 @@ start_daemon() {
     start_needed daemon "$build/vorl_proxy" --config "$work/vorl_proxy.json"
     wait_until 20 seen "start: started" || fail "the daemon has not started"
     command_service timeout "$listen_timeout"
-    wait_until 10 seen "set timeout: $listen_timeout" || fail "the daemon does not hear the service"
-    reached "vorl_proxy runs, and hears the session service"
+    wait_until 10 seen "set timeout: $listen_timeout" || fail "the daemon does not receive the service's signals"
+    reached "vorl_proxy runs and receives the session service's signals"
 }
 
 stop_daemon() {
     stage stop
     needed=()
     command_service stopped
-    wait_until 10 not running daemon || fail "the daemon goes on running"
+    wait_until 10 not running daemon || fail "the daemon is still running"
     stop daemon
     ((status == 0)) || fail "the daemon ended with status $status"
-    reached "the session service has gone away, and the daemon with it"
+    reached "the session service has stopped, and so has the daemon"
 }

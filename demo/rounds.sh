@@ -4,7 +4,7 @@
 headline() { printf '\n== %s\n' "$1"; }
 
 round_tls() {
-    headline "TLS: encrypted, no account asked; ended by the session service"
+    headline "TLS: encrypted, no password; ended by the session service"
     describe_session "$sec_tls"
     connect "$password" tls
     show_picture tls
@@ -21,8 +21,8 @@ round_nla() {
     stage refusal
     expect_refusal
     grep -q "client authentication failure" "$work_directory/rdp_transport_${session_uid}_0.log" ||
-        fail "the shadow server does not say that it refused the password"
-    reached "the shadow server has refused the password, and the client seen nothing"
+        fail "the shadow server's log has no refusal"
+    reached "the shadow server has refused the password; the client shows nothing"
     show_clean_up
 
     headline "NLA with a SAM file: the right password; ended by the client"
@@ -33,9 +33,9 @@ round_nla() {
     show_clean_up
 }
 
-# One client after the other, until Ctrl-C. An allowance is good for one listener and one
-# client, and lost on a daemon that is busy with the one before. Nobody tells when that has
-# run into its timeout or failed half way: it is renewed when it must be over.
+# One client after the other, until Ctrl-C. An allowance is for one listener and one
+# client, and is lost while the daemon still handles the one before. Its timeout or failure is
+# not reported, so it is renewed when it must have ended.
 stay_up() {
     local due=0
     trap 'echo; exit 0' INT

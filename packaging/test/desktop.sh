@@ -161,7 +161,7 @@ expect_no_picture_on() {
 }
 
 refused() {
-    not shows "$1" || fail "a wrong password has got the picture"
+    not shows "$1" || fail "a wrong password shows the desktop"
     client_gone "$1"
 }
 

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the stages
-# What the stages of the package's trial work with, beside the library of scripts/lib.
+# What the stages of the package's trial share, beside the library of scripts/lib.
 
 work=/var/lib/package-test # what the host gets to see at the end
 port=3389
@@ -71,7 +71,7 @@ connect() {
 
 show_picture() {
     expect_picture "$work/$1.png"
-    say "   the desktop, but for $differing pixels: $1.png"
+    say "   the desktop, except for $differing pixels: $1.png"
 }
 
 refuse_client() {
@@ -83,7 +83,7 @@ client_ended() { not running client; }
 
 disconnect() {
     end_relay
-    wait_until 10 client_ended || fail "the client has not been let go"
+    wait_until 10 client_ended || fail "the client is still running"
     stop client
     expect_nothing_left
 }
@@ -108,7 +108,7 @@ restart() {
 
 main_pid() { systemctl show --value --property MainPID vorl_proxy; }
 
-# in_journal TEXT: whether the last shadow server has said so there.
+# in_journal TEXT: whether the last shadow server's lines in the journal have it.
 in_journal() {
     wait_until 5 shadow_journal "$1"
 }

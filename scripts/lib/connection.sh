@@ -7,7 +7,7 @@ allow_client() {
     heard_from=$(($(wc -l <"$work/service.log") + 1))
     command_service allow "$session" "$second"
     wait_until 10 heard "<- proxyListenStarted" || fail "the daemon has not tried to listen"
-    [[ $heard_line == *listening* ]] || fail "port $port cannot be had"
+    [[ $heard_line == *listening* ]] || fail "the daemon cannot listen on port $port"
 }
 
 client_host=127.0.0.1
@@ -38,20 +38,20 @@ expect_picture() {
     local file=$1
     wait_until 20 client_shows_desktop || file=${1%.png}-failed.png
     install -m 644 "$work/client.png" "$file"
-    # It belongs to whom the directory belongs, also under sudo.
+    # Owned by the directory's owner, also under sudo.
     chown --reference="$(dirname "$file")" "$file"
     [[ $file == "$1" ]] || fail "$differing of the pixels differ; see $file"
 }
 
 # expect_refusal: the client ends by itself, with a failure and without having shown anything.
 expect_refusal() {
-    wait_until 20 client_refused || fail "the client is still there"
+    wait_until 20 client_refused || fail "the client is still running"
     stop client
     ((status != 0)) || fail "the client reports success"
 }
 
 client_refused() {
-    not client_shows_desktop || fail "a wrong password has got the picture"
+    not client_shows_desktop || fail "a wrong password shows the desktop"
     not running client
 }
 
@@ -59,7 +59,7 @@ client_refused() {
 end_relay() { command_service disconnect "$session" "$shadow_pid" 127.0.0.1; }
 
 expect_nothing_left() {
-    wait_until 10 nothing_left || fail "still there: pid $shadow_pid or $(relay_files)"
+    wait_until 10 nothing_left || fail "left behind: pid $shadow_pid or $(relay_files)"
     wait_until 10 client_shows_nothing || fail "the client still shows a picture"
 }
 

@@ -11,13 +11,13 @@ needed=()          # names of those that must not end by themselves
 start() {
     local name=$1
     shift
-    : >"$work/$name.log" # it is there when we return, for whoever wants to follow it
+    : >"$work/$name.log" # it is there when we return, for whoever follows it
     setsid setpriv --pdeathsig TERM "$@" <&0 >>"$work/$name.log" 2>&1 &
     pids[$name]=$!
     started+=("$name")
 }
 
-# start_needed NAME COMMAND...: the same for one that the trial cannot do without.
+# start_needed NAME COMMAND...: the same; if it ends by itself, the trial fails.
 start_needed() {
     start "$@"
     needed+=("$1")
@@ -53,7 +53,7 @@ stop_all() {
 
 not() { ! "$@"; }
 
-# While a trial waits. To be defined anew by one that has something to show meanwhile.
+# Called while a trial waits. A trial that shows something meanwhile defines it anew.
 on_wait() { :; }
 
 # wait_until SECONDS COMMAND...: false when the command has not succeeded by then.
