@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """Puts one load after another on each relay in turn, for a number of rounds.
 
-usage: load.py ROUNDS MEASURE RESULTS FAR_NETWORK NAME PID PORT SOCKET [NAME PID PORT SOCKET]...
+usage: load.py ROUNDS MEASURE RESULTS FAR_NETWORK NAME PIDS PORT SOCKET [NAME PIDS PORT SOCKET]...
 
 MEASURE is one of the measures, or "all". FAR_NETWORK is the path of the network namespace behind
-the delay line. A PID of 0, with an empty SOCKET, stands for no relay: the clients connect to the
-shadow server itself.
+the delay line. PIDS are those of the relay and of a front before it, separated by a comma. Without
+one, and with an empty SOCKET, the clients connect to the shadow server itself.
 
 A turn takes a fraction of a second: what the machine does over a longer time falls on all targets
 alike. RESULTS gets lines of target, measure, metric and value, separated by tabs: the figures of
@@ -208,8 +208,8 @@ MEASURES = {  # with the turns of each target in a round: many where the machine
 rounds, wanted, results_path, far_network, *targets = sys.argv[1:]
 if wanted not in ["all", *MEASURES]:
     sys.exit(f"load: no measure '{wanted}' (there are: all {' '.join(MEASURES)})")
-targets = [Target(name, int(pid), Route(int(port), path))
-           for name, pid, port, path in zip(*[iter(targets)] * 4, strict=True)]
+targets = [Target(name, tuple(int(pid) for pid in pids.split(",") if pid), Route(int(port), path))
+           for name, pids, port, path in zip(*[iter(targets)] * 4, strict=True)]
 gc.disable()
 results = Results(results_path)
 for number in range(int(rounds)):

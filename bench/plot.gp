@@ -1,11 +1,11 @@
 # gnuplot -e "results='DIRECTORY'" plot.gp: draws the data that report.py wrote.
 file(name) = results . "/" . name . ".dat"
-targets = "vorl_proxy systemd-socket-proxyd haproxy nginx no\\_relay"
+targets = "vorl_proxy behind\\_a\\_front systemd-socket-proxyd haproxy nginx no\\_relay"
 measures = "echo one_way frames frames_20_ms keystroke frames_in_upload busy"
 titles = '"64-byte echo" "64 bytes, shadow to client" "frames, 60/s of 40 KB" \
     "frames over 20 ms, client types" "keystroke, downstream full" \
     "frames while the client uploads" "frames on 100 connections"'
-array colour[5] = ["#d62728", "#1f77b4", "#2ca02c", "#9467bd", "#7f7f7f"]
+array colour[6] = ["#d62728", "#ff9896", "#1f77b4", "#2ca02c", "#9467bd", "#7f7f7f"]
 
 set terminal svg size 1200,1500 font "sans,12" background "white"
 set output results . "/latency.svg"
@@ -17,6 +17,6 @@ set grid
 set key left top
 do for [m = 1:words(measures)] {
     set title word(titles, m)
-    plot for [i = 1:5] file(word(measures, m)) using 1:(column(i + 1)) with lines \
+    plot for [i = 1:6] file(word(measures, m)) using 1:(column(i + 1)) with lines \
         linecolor rgb colour[i] linewidth (i == 1 ? 3 : 1) title word(targets, i)
 }

@@ -17,7 +17,7 @@ import sys
 
 OURS, NONE = "vorl_proxy", "none"
 PEERS = ["systemd-socket-proxyd", "haproxy", "nginx"]
-TARGETS = [OURS, *PEERS, NONE]
+TARGETS = [OURS, "front", *PEERS, NONE]
 UNCOMPARED = {"idle", "memory"}  # the peers' figures are next to nothing
 COMPARE = {"≤": operator.le, "≥": operator.ge}
 
@@ -91,9 +91,9 @@ def judged(row, ours, to_best):
 
 
 def table(figures):
-    yield "| measure | unit | vorl_proxy | systemd- socket-proxyd | haproxy | nginx | no relay " \
-          "| to best peer | to no relay | aim | reached |"
-    yield "|---|---" + "|---:" * 7 + "|---|---|"
+    yield "| measure | unit | vorl_proxy | behind a front | systemd- socket-proxyd " \
+          "| haproxy | nginx | no relay | to best peer | to no relay | aim | reached |"
+    yield "|---|---" + "|---:" * 8 + "|---|---|"
     for row in ROWS:
         values = figures[row.measure, row.metric]
         if OURS not in values:

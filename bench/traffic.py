@@ -130,20 +130,21 @@ def echo(end):
         end.sendall(message)
 
 
-def threads_of(process):
-    return list(pathlib.Path(f"/proc/{process}/task").iterdir()) if process else []
+def threads_of(processes):
+    return [thread for process in processes
+            for thread in pathlib.Path(f"/proc/{process}/task").iterdir()]
 
 
-def processor_time(process):
+def processor_time(processes):
     """Seconds, of all threads."""
     return sum(int((thread / "schedstat").read_text().split()[0])
-               for thread in threads_of(process)) / 1e9
+               for thread in threads_of(processes)) / 1e9
 
 
-def memory(process):
+def memory(processes):
     """KiB, with shared pages counted in proportion."""
-    text = pathlib.Path(f"/proc/{process}/smaps_rollup").read_text(encoding="ascii")
-    return int(text.partition("\nPss:")[2].split()[0])
+    return sum(int(pathlib.Path(f"/proc/{process}/smaps_rollup").read_text(encoding="ascii")
+                   .partition("\nPss:")[2].split()[0]) for process in processes)
 
 
 def place(thread, processors, policy, priority):
