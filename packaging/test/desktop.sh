@@ -151,11 +151,11 @@ expect_picture_on() {
     wait_until 25 shows "$1" || { cp "$work/client.png" "$file" && fail "$differing of the pixels differ; see $file"; }
     cp "$work/client.png" "$file"
     wait_until 5 says "sees the picture" || fail "it is not counted: $(vorl_session status)"
-    say "   the desktop, but for $differing pixels: ${file##*/}"
+    say "   the desktop, except for $differing pixels: ${file##*/}"
 }
 
 expect_no_picture_on() {
-    wait_until 20 refused "$1" || fail "the client is still there"
+    wait_until 20 refused "$1" || fail "the client is still running"
     stop "$1-client"
     ((status != 0)) || fail "the client reports success"
 }

@@ -13,6 +13,7 @@ try_needrestart() {
     local running configuration=/etc/needrestart/conf.d/vorl-proxy.conf
     describe_session "$sec_tls"
     connect any tls
+    expect_picture "$work/needrestart.png"
     running=$(main_pid)
     upgrade_library
     expect "needrestart" needrestart -b -l
