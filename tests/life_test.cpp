@@ -34,7 +34,7 @@ TEST_F(Life, TheServiceManagerIsToldOfIt) {
     const FileDescriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, {}};
     (daemon.home / "notify").string().copy(address.sun_path, sizeof(address.sun_path) - 1);
-    bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     const timeval limit{patience.count(), 0};
     setsockopt(manager.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
     const auto next = [&](int flags = 0) {

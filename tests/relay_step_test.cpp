@@ -23,8 +23,8 @@ Pair pipePair() { // to read from, to write to
 }
 
 Pair acceptedPair() {
-    auto [client, accepted] = tcpPair();
-    return {std::move(accepted), std::move(client)};
+    auto pair = tcpPair();
+    return {std::move(pair.second), std::move(pair.first)};
 }
 
 Pair written(Pair pair, size_t size) {

@@ -60,15 +60,15 @@ SenderAccounts::Verdict SenderAccounts::judge(const std::string& sender) {
     if (from.lookUp)
         return Verdict::Pending;
     if (!from.account)
-        return Verdict::Foreign;
+        return Verdict::Denied;
     if (from.account == 0 || from.account == ownAccount)
-        return Verdict::Heard;
+        return Verdict::Allowed;
     if (owner.empty())
-        return Verdict::Foreign;
+        return Verdict::Denied;
     const Sender& sessionService = find(owner);
     if (sessionService.lookUp)
         return Verdict::Pending;
-    return sessionService.account == from.account ? Verdict::Heard : Verdict::Foreign;
+    return sessionService.account == from.account ? Verdict::Allowed : Verdict::Denied;
 }
 
 std::optional<uid_t> SenderAccounts::accountOf(const std::string& sender) const {

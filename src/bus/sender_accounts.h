@@ -26,8 +26,8 @@ class SenderAccounts {
 public:
     enum class Verdict {
         Pending, ///< the bus has not answered yet
-        Heard,   ///< root, the daemon's own account, or the one that owns the session service
-        Foreign, ///< any other account, or one that cannot be looked up
+        Allowed, ///< root, the daemon's own account, or the one that owns the session service
+        Denied,  ///< any other account, or one that cannot be looked up
     };
 
     /// @param service the session service's well-known name

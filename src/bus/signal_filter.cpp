@@ -55,9 +55,9 @@ void warnForeign(const DBus::Message& signal, const std::optional<uid_t>& accoun
 } // namespace
 
 SignalFilter::SignalFilter(DBus::Connection& bus)
-    : connection(bus), accounts(service, [this] { judgeHeld(); }) {
-    slot =
-        new DBus::Callback<SignalFilter, bool, const DBus::Message&>(this, &SignalFilter::swallows);
+    : connection(bus), accounts(service, [this] { processHeldSignals(); }) {
+    slot = new DBus::Callback<SignalFilter, bool, const DBus::Message&>(this,
+                                                                        &SignalFilter::shouldDrop);
     connection.add_filter(slot);
     // Without an error to be filled in, the call does not wait for the bus.
     dbus_bus_add_match(handleOf(connection),
@@ -74,7 +74,7 @@ void SignalFilter::deliverHeldTo(std::function<void(const DBus::SignalMessage&)>
     receive = std::move(receiver);
 }
 
-bool SignalFilter::swallows(const DBus::Message& message) {
+bool SignalFilter::shouldDrop(const DBus::Message& message) {
     noteOwnerChange(message);
     const auto* const signal = std::ranges::find_if(interfaceSignals, [&](const Signal& known) {
         return message.is_signal(service, known.member);
@@ -88,9 +88,9 @@ bool SignalFilter::swallows(const DBus::Message& message) {
     const auto verdict = accounts.judge(message.sender());
     if (verdict == SenderAccounts::Verdict::Pending)
         hold(message);
-    else if (verdict == SenderAccounts::Verdict::Foreign)
+    else if (verdict == SenderAccounts::Verdict::Denied)
         warnForeign(message, accounts.accountOf(message.sender()));
-    return verdict != SenderAccounts::Verdict::Heard;
+    return verdict != SenderAccounts::Verdict::Allowed;
 }
 
 void SignalFilter::noteOwnerChange(const DBus::Message& message) {
@@ -115,12 +115,12 @@ void SignalFilter::hold(const DBus::Message& signal) {
         warnIgnored("too many of a sender whose account is not known yet", signal);
 }
 
-void SignalFilter::judgeHeld() {
+void SignalFilter::processHeldSignals() {
     for (const DBus::Message& signal : std::exchange(held, {})) {
         const auto verdict = accounts.judge(signal.sender());
         if (verdict == SenderAccounts::Verdict::Pending)
             held.push_back(signal);
-        else if (verdict == SenderAccounts::Verdict::Heard)
+        else if (verdict == SenderAccounts::Verdict::Allowed)
             receive(asSignal(signal));
         else
             warnForeign(signal, accounts.accountOf(signal.sender()));

@@ -9,14 +9,14 @@
 
 namespace Vorl {
 
-/// Keeps signals with missing or wrong arguments, and signals of strangers, from the generated
-/// stubs, with a warning for each.
+/// Keeps signals with missing or wrong arguments, and signals of unauthorised senders, from the
+/// generated stubs, with a warning for each.
 ///
 /// A stub throws when an argument's type differs from the interface. C functions of libdbus call
 /// it, through which no exception may pass. Extra arguments are accepted.
 ///
 /// Only root, the daemon's own account and the account that owns the session service's name are
-/// heard, from any of their connections. Where the bus policy is missing, any account could open
+/// obeyed, from any of their connections. Where the bus policy is missing, any account could open
 /// the port and stop the daemon otherwise. While a sender's account is being looked up, its signals
 /// are held in their order; those of others are not.
 ///
@@ -38,10 +38,10 @@ public:
 
 private:
     /// @return true when the message must not be processed further
-    bool swallows(const DBus::Message& message);
+    bool shouldDrop(const DBus::Message& message);
     void noteOwnerChange(const DBus::Message& message);
     void hold(const DBus::Message& signal);
-    void judgeHeld();
+    void processHeldSignals();
 
     DBus::Connection connection;
     SenderAccounts accounts;

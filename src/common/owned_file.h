@@ -19,8 +19,9 @@ public:
     [[nodiscard]] bool note(int descriptor);
 
     /// Removes the remembered file. Another one that has replaced it stays, as does a file that was
-    /// there without ever having been remembered. When it cannot be found out which file it is, it
-    /// is removed: better another's than a password hash that stays. Errors are ignored.
+    /// there without ever having been remembered. If its identity cannot be determined,
+    /// the file is removed anyway: leaving a password hash behind would be worse. Errors are
+    /// ignored. A job's destructor calls it, for what its own launch wrote.
     void remove() const;
 
 private:

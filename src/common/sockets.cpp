@@ -68,7 +68,7 @@ Attempt attemptConnect(const sockaddr_un& peer) {
     return {.fd = fd};
 }
 
-bool mayPass(int error) {
+bool isTransient(int error) {
     switch (error) {
     case ECONNREFUSED: // bound, but not listening yet
     case EAGAIN:       // the listener's queue is full
@@ -162,7 +162,7 @@ int unixConnect(std::string_view path) {
 int unixConnectWhile(std::string_view path, const std::function<bool()>& again) {
     const sockaddr_un peer = unixAddress(path);
     Attempt attempt = attemptConnect(peer);
-    while (attempt.fd < 0 && mayPass(attempt.error) && again()) {
+    while (attempt.fd < 0 && isTransient(attempt.error) && again()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         attempt = attemptConnect(peer);
     }

@@ -68,9 +68,9 @@ void awaitTransport(TransportHandle& transport, const char* caller) {
     releaseTransport(transport, Clock::now(), caller);
 }
 
-void releaseTransport(TransportHandle& transport, Clock::time_point told, const char* caller) {
+void releaseTransport(TransportHandle& transport, Clock::time_point since, const char* caller) {
     const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(told + terminationGrace - Clock::now());
+        std::chrono::ceil<std::chrono::milliseconds>(since + terminationGrace - Clock::now());
     if (!waitForEnd(transport, std::max(left, 0ms)) && transportRunning(transport)) {
         Syslog::warning("%s: transport does not end, killed, pid: %d", caller, transport.first);
         kill(transport.first, SIGKILL);

@@ -19,9 +19,9 @@ void terminateTransport(const TransportHandle& transport);
 /// Waits until a shadow server that was told to terminate has been reaped. One that is still
 /// running after a grace period of three seconds is killed, with a warning: a caller that holds a
 /// lock waits no longer than that. Afterwards the handle is empty.
-/// @param told when it was told to terminate, which begins the grace period
+/// @param since when it was told to terminate, which begins the grace period
 /// @param caller the function name in log lines
-void releaseTransport(TransportHandle& transport, std::chrono::steady_clock::time_point told,
+void releaseTransport(TransportHandle& transport, std::chrono::steady_clock::time_point since,
                       const char* caller);
 
 /// Same, for a shadow server that was not told to terminate: waits without a limit, unless the

@@ -20,7 +20,7 @@ void ProxyConnection::signalProxyAllowConnection(const std::uint32_t& sessionId,
     try {
         Syslog::notice("%s: session id: %u, timeout: %u", "signalProxyAllowConnection", sessionId,
                        currentListenTimeout());
-        if (listener.valid() && listener.wait_for(3ms) != std::future_status::ready) {
+        if (acceptanceTask.valid() && acceptanceTask.wait_for(3ms) != std::future_status::ready) {
             Syslog::warning("%s: listen transport busy, session id: %u",
                             "signalProxyAllowConnection", sessionId);
             return;
@@ -38,7 +38,7 @@ void ProxyConnection::signalProxyAllowConnection(const std::uint32_t& sessionId,
 void ProxyConnection::launchAcceptance(std::uint32_t sessionId, std::uint32_t second) {
     accepting = true;
     try {
-        listener = std::async(std::launch::async, [this, sessionId, second] {
+        acceptanceTask = std::async(std::launch::async, [this, sessionId, second] {
             const ClearAtEnd mark{accepting};
             return runAcceptance(sessionId, second);
         });

@@ -45,6 +45,7 @@ void ProxyConnection::start() {
     }
     if (periodic.joinable())
         periodic.join();
+    // The rest of a stop, in order: ~ProxyConnection().
 }
 
 void ProxyConnection::periodicTask() {

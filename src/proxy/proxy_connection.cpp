@@ -30,9 +30,10 @@ ProxyConnection::~ProxyConnection() {
     requestStop();
     listenCancel = true;
     // During a bus call the acceptance task checks neither flag, and an answer may take 25 seconds.
-    if (listener.valid() && listener.wait_for(answerGrace) != std::future_status::ready) {
+    if (acceptanceTask.valid() &&
+        acceptanceTask.wait_for(answerGrace) != std::future_status::ready) {
         proxyDispatcher.hangUp();
-        listener.wait();
+        acceptanceTask.wait();
     }
     // While the daemon is seen on the bus, its shadow servers may live; afterwards none does.
     jobs.clear();

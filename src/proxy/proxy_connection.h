@@ -54,9 +54,12 @@ public:
     void signalSessionDisconnected(const std::uint32_t& sessionId, const std::uint32_t& pid,
                                    const std::string& remoteAddress) override;
     /// Starts an acceptance task for one client, unless the previous task is still running.
+    /// @param second becomes part of the name of the session's SAM file
     void signalProxyAllowConnection(const std::uint32_t& sessionId,
                                     const std::uint32_t& second) override;
+    /// Raises the listen timeout of later allowances; a value below the configured one does not.
     void signalProxyListenTimeout(const std::uint32_t& seconds) override;
+    /// Stops the daemon.
     void signalVorlStopped() override;
 
     /// Checks the session service and runs the bus loop until the daemon is told to stop. Main
@@ -112,7 +115,7 @@ private:
     std::atomic<std::uint32_t> listeningSessionId = 0;
     std::atomic<bool> listenCancel = false; // main thread; polled by the acceptance task
     std::atomic<bool> accepting = false;    // an acceptance task runs; only shown in the status
-    std::future<bool> listener;             // the acceptance task; main thread only
+    std::future<bool> acceptanceTask;       // main thread only
     ServiceManager serviceManager;          // start(), then the periodic task
     std::atomic<std::uint32_t> serviceListenTimeout = 0; // main thread; read by the acceptance task
 };

@@ -18,9 +18,9 @@ constexpr auto portInUseTime = 5s;
 // The daemon waits five seconds for its shadow server.
 constexpr auto setUpLimit = 10s;
 constexpr auto pictureLimit = 30s;
-constexpr auto endAgainTime = 2s;
-constexpr std::size_t mostUnshown = 16;
-constexpr std::size_t mostUnshownOfOne = 4;
+constexpr auto disconnectInterval = 2s;
+constexpr std::size_t maxUnshown = 16;
+constexpr std::size_t maxUnshownOfAddress = 4;
 
 // With NLA, a client that has not proved the password was sent 2,030 bytes and has sent 998 at
 // most (FreeRDP 2: 1,029), with the certificate that FreeRDP makes. A blank screen, the least there
@@ -87,9 +87,9 @@ bool Admission::clientConnected(std::uint32_t number, const std::string& address
                   .port = port,
                   .since = now,
                   .end = {},
-                  .endAgain = {}};
-    if (rules.slowFailures &&
-        (failures.mustWait(address, now) || unshownFrom(address) >= mostUnshownOfOne)) {
+                  .nextDisconnect = {}};
+    if (rules.delayFailedAddresses &&
+        (failures.mustWait(address, now) || unshownFrom(address) >= maxUnshownOfAddress)) {
         act(Action::What::Refused, client);
         notBefore = now + cancelTime;
         return false;
@@ -117,7 +117,7 @@ void Admission::relayStarted(std::uint32_t number, pid_t pid, Time now) {
                   .address = {},
                   .since = now,
                   .end = {},
-                  .endAgain = {}};
+                  .nextDisconnect = {}};
     const bool known = pending && pending->number == number;
     if (known)
         client = *std::exchange(pending, std::nullopt);
@@ -180,8 +180,8 @@ void Admission::advance(Time now) {
         endPending("its shadow server did not start");
     endUnshown(now);
     for (Client& client : connected) {
-        if (!client.end.empty() && now >= client.endAgain) {
-            client.endAgain = now + endAgainTime;
+        if (!client.end.empty() && now >= client.nextDisconnect) {
+            client.nextDisconnect = now + disconnectInterval;
             act(Action::What::Disconnect, client);
         }
     }
@@ -196,7 +196,7 @@ void Admission::endUnshown(Time now) {
             continue;
         if (now - client.since >= pictureLimit)
             end(client, "it did not log in within 30 seconds", now);
-        else if (rest > mostUnshown)
+        else if (rest > maxUnshown)
             end(client, "too many others have not logged in", now);
         else
             continue;
@@ -241,7 +241,7 @@ void Admission::end(Client& client, const std::string& why, Time now) {
     if (!client.end.empty())
         return;
     client.end = why;
-    client.endAgain = now + endAgainTime;
+    client.nextDisconnect = now + disconnectInterval;
     act(Action::What::Disconnect, client);
 }
 
@@ -291,7 +291,7 @@ Time Admission::nextDeadline() const {
         next = std::min(next, notBefore);
     for (const Client& client : connected) {
         if (!client.end.empty())
-            next = std::min(next, client.endAgain);
+            next = std::min(next, client.nextDisconnect);
         else if (!client.shown)
             next = std::min(next, client.since + pictureLimit);
     }

@@ -19,9 +19,9 @@ enum class Policy { Refuse = 1, Replace = 2, Allow = 3 };
 /// The part of the configuration that decisions depend on.
 struct Rules {
     Policy policy = Policy::Replace;
-    int limit = 10;           ///< of clients that see one desktop at a time
-    bool endOnLock = false;   ///< a locked screen ends the connections
-    bool slowFailures = true; ///< off where all clients have the address of one front
+    int limit = 10;                   ///< of clients that see one desktop at a time
+    bool endOnLock = false;           ///< a locked screen ends the connections
+    bool delayFailedAddresses = true; ///< off where all clients have the address of one front
 };
 
 /// One connection, from its arrival to the end of its relay.
@@ -36,8 +36,8 @@ struct Client {
     bool shown = false; ///< it has been sent the picture, hence has proved the password
     std::uint64_t sent = 0;
     std::uint64_t received = 0;
-    std::string end; ///< why we have ended it; empty while we have not
-    Time endAgain;   ///< when to say so once more
+    std::string end;     ///< why we have ended it; empty while we have not
+    Time nextDisconnect; ///< when to tell the daemon again
 };
 
 /// What is to be done about a decision. For Allow and Cancel only the client's number counts.
@@ -66,7 +66,7 @@ struct Action {
 /// user's own connection.
 class Admission {
 public:
-    /// @param firstNumber of the allowances; one that no earlier life of the service has used
+    /// @param firstNumber of the allowances; one that no previous instance of the service has used
     explicit Admission(std::uint32_t firstNumber) : nextNumber(firstNumber) {}
 
     struct Desktop {
@@ -80,12 +80,15 @@ public:
     /// shown to those who are connected to them.
     void setDesktop(const std::optional<Desktop>& reachable, const std::vector<std::string>& alive,
                     Time now);
+    /// The session has been locked: ends its connections where the rules say so.
     void locked(const std::string& session, Time now);
     /// The daemon has started, or has gone: there is no listener, and no client on its way.
     void daemonChanged(Time now);
+    // The daemon's reports. `number` is the allowance's; an unknown one is ignored.
+    /// @param opened false when the daemon could not listen
     void listenStarted(std::uint32_t number, bool opened, Time now);
     /// @param port the client's
-    /// @return false when it is to be let go
+    /// @return false when the client must be rejected
     bool clientConnected(std::uint32_t number, const std::string& address, std::uint16_t port,
                          Time now);
     /// Whether the desktop may be described to the daemon for this client.
@@ -96,7 +99,7 @@ public:
     void relayEnded(std::uint32_t number, Time now);
     /// The bytes that the client was sent and has sent until now.
     void counted(std::uint32_t number, std::uint64_t sent, std::uint64_t received, Time now);
-    /// The service stops: nobody watches any longer.
+    /// The service stops: ends all connections and closes the port.
     void stop(Time now);
     /// Time has passed.
     void advance(Time now);

@@ -70,7 +70,7 @@ Configuration readConfiguration(const std::filesystem::path& path) {
     result.rules.policy = policyOf(root.get("connection:policy", "prevreplace").asString());
     result.rules.limit = root.get("connection:limit", result.rules.limit).asInt();
     result.rules.endOnLock = root.get("connection:endonlock", false).asBool();
-    result.rules.slowFailures = root.get("connection:slowdown", true).asBool();
+    result.rules.delayFailedAddresses = root.get("connection:slowdown", true).asBool();
     result.passwordFile = root.get("password:file", result.passwordFile.string()).asString();
     result.daemonConfiguration =
         root.get("proxy:config", result.daemonConfiguration.string()).asString();

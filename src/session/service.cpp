@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Files are looked at that often: what has been mended takes effect without a restart.
+// Files are looked at that often: what has been fixed takes effect without a restart.
 constexpr auto lookTime = 3s;
 constexpr auto countTime = 250ms;
 constexpr std::uint32_t listenSeconds = 86400;
@@ -45,7 +45,7 @@ std::uint64_t toUsec(Time time) {
 Service::Service(std::filesystem::path file)
     : configurationFile(std::move(file)),
       runtimeDirectory(runtimeDirectoryOf(getenv("RUNTIME_DIRECTORY"))),
-      // Numbers that an earlier life of the service has not used.
+      // Numbers that a previous instance of the service has not used.
       admission(static_cast<std::uint32_t>(std::time(nullptr))) {
     require(sd_event_default(&loop), "no event loop");
     watch();
@@ -139,7 +139,7 @@ void Service::tick() {
     admission.advance(now);
 }
 
-// What is wrong closes the port. Connections end with their session only.
+// Any problem closes the port. Connections end only with their session.
 void Service::look() {
     SearchResult result;
     std::vector<std::string> alive;
@@ -167,14 +167,14 @@ void Service::readConfigurationFiles() {
     admission.setRules(configuration.rules);
     daemonAddress = readDaemonAddress(configuration.daemonConfiguration);
     const bool busy = !socketsOf(daemonAddress).empty();
-    if (busy && !std::exchange(earlierLifeEnded, true)) {
+    if (busy && !std::exchange(previousInstanceChecked, true)) {
         Syslog::warning("%s: vorl_proxy has a port or connections that an earlier life of this "
                         "service let in: all of them are ended, and the port opens anew within "
                         "seconds",
                         "vorl_session");
         bus->endDaemon();
     }
-    earlierLifeEnded = true;
+    previousInstanceChecked = true;
 }
 
 void Service::report(std::vector<std::string> found) {
@@ -230,7 +230,7 @@ void Service::settle() {
     endTickets(tickets.takeExpired(now));
     for (const Action& action : admission.takeActions())
         carryOut(action);
-    // The package's upgrade looks at its end.
+    // debian/vorl-session.postinst reads the number at the end of this line.
     const std::string line =
         reachable + "; connections: " + std::to_string(admission.clients().size());
     if (line != statusLine)
@@ -294,7 +294,7 @@ void Service::endTickets(const std::vector<Ticket>& ended) {
 
 void Service::daemonStarted() {
     portRefused = false;
-    earlierLifeEnded = true;
+    previousInstanceChecked = true;
     admission.daemonChanged(Clock::now());
 }
 

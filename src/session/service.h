@@ -71,7 +71,7 @@ private:
     Configuration configuration; ///< as last read; without effect while `problems` says so
     DaemonAddress daemonAddress;
     std::optional<FoundDesktop> desktop;
-    bool earlierLifeEnded = false;
+    bool previousInstanceChecked = false;
     bool portRefused = false; ///< the daemon could not open its port when last told to
     std::map<std::uint32_t, sd_event_source*> relays; ///< by number: watch their shadow servers
     std::vector<std::string> problems;                ///< as last reported

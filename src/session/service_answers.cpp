@@ -70,7 +70,7 @@ std::string Service::describeDesktop() {
 }
 
 std::string Service::status() {
-    look(); // what has just been mended is not complained about
+    look(); // what has just been fixed is not complained about
     Json::Value value;
     if (desktop) {
         value["session"] = desktop->session.id;

@@ -14,7 +14,8 @@
 
 namespace Vorl {
 
-/// The daemon's relay jobs. Any thread may call.
+/// The daemon's relay jobs. Any thread may call; one that must not be blocked by a bus call does
+/// not call what waits for the lock.
 ///
 /// Jobs are destroyed under the list's lock: once count() no longer includes a job, its shadow
 /// server and files are gone as well.
@@ -27,8 +28,8 @@ public:
 
     /// Starts a job and calls `confirm`, with the list locked. If `confirm` throws, the job stays
     /// in the list, its client is disconnected, and the exception is rethrown.
-    /// @param client, local, socketFile, samFile, transport moved into the job, unless it could not
-    ///        be created
+    /// @param client, local, transport moved into the job, unless it could not be created
+    /// @param socketFile, samFile moved into the job; they stay where they are if there is none
     /// @throws std::system_error when no thread can be started
     void add(FileDescriptor& client, FileDescriptor& local, SocketFile& socketFile,
              OwnedFile& samFile, TransportHandle& transport, std::uint32_t session,
@@ -39,15 +40,16 @@ public:
     [[nodiscard]] std::size_t count(std::uint32_t session) const;
 
     /// Ends the session's job with that shadow server: at once, or at the next sweep when the list
-    /// is in use. Never waits for the lock: add() holds it during a bus call.
+    /// is in use. Never waits for the lock: add() holds it during a bus call. Destroying the job
+    /// may take the shadow server's grace period of three seconds.
     void disconnect(std::uint32_t session, std::uint32_t pid);
 
     /// Removes ended and disconnected jobs, with a debug line for each ended one. Never waits for
-    /// the lock.
+    /// the lock; destroying jobs may take a grace period of three seconds, for all together.
     /// @return the number of jobs left; std::nullopt when the list is in use: try again later
     std::optional<std::size_t> sweep();
 
-    /// Ends all jobs; their graces run at the same time. Waits for the lock.
+    /// Ends all jobs; their grace periods run at the same time. Waits for the lock.
     void clear();
 
 private:

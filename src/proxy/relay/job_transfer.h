@@ -25,7 +25,9 @@ public:
     /// @param shadowSocket the shadow server's socket, removed at the end
     /// @param credentials the shadow server's SAM file, removed at the end
     /// @param shadowServer the shadow server; takes ownership
-    /// @throws std::system_error when no thread can be started; the caller keeps the ownership then
+    /// @throws std::system_error when no thread can be started; descriptors and shadow server
+    /// remain
+    ///         the caller's then, and the two files stay where they are
     JobTransfer(int client, int local, SocketFile&& shadowSocket, OwnedFile&& credentials,
                 TransportHandle&& shadowServer, std::uint32_t session);
     JobTransfer(const JobTransfer&) = delete;

@@ -11,7 +11,8 @@ namespace Vorl {
 /// limits the memory of the client's upload.
 ///
 /// Without CAP_NET_ADMIN the system's limits (net.core.rmem_max and wmem_max) apply, see socket(7).
-/// A relay works with buffers of any size.
+/// A relay works with buffers of any size, so errors are ignored.
+/// @param client, transport descriptors; they remain the caller's
 void sizeRelayBuffers(int client, int transport);
 
 } // namespace Vorl

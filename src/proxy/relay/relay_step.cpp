@@ -71,7 +71,7 @@ std::int64_t jobTransferIter(int source, int destination, std::vector<std::uint8
 
 std::int64_t streamTransferIter(int source, int destination, std::vector<std::uint8_t>& buffer,
                                 const std::atomic<bool>* running) {
-    buffer.resize(largestStreamStep);
+    buffer.resize(largestStreamStep); // the header has the reason for this bound
     const ssize_t received = recv(source, buffer.data(), buffer.size(), MSG_DONTWAIT);
     const int error = errno;
     if (received < 0 && error == EAGAIN)

@@ -32,17 +32,18 @@ enum RelayEnd : std::int64_t {
                                            std::vector<std::uint8_t>& buffer,
                                            const std::atomic<bool>* running = nullptr);
 
-/// The most bytes that one streamTransferIter() moves. A socket that polls writable has room for
-/// them with the buffers of sizeRelayBuffers(), also where the system limits those, so the send
-/// does not block.
+/// The most bytes that one streamTransferIter() moves of input that is already there. A socket that
+/// polls writable has room for them with the buffers of sizeRelayBuffers(), also where the system
+/// limits those, so the send does not block.
 inline constexpr std::size_t largestStreamStep = std::size_t{128} * 1024;
 
 /// Does what jobTransferIter() does, for a relay's own two sockets: in bounded steps, so that
 /// neither direction delays the other, and with fewer system calls. It receives first, and asks for
-/// input and its size only when that found none. Results and log lines are the same.
+/// input and its size only when that found none: then it takes what has arrived within that
+/// millisecond. Results and log lines are the same.
 ///
 /// @param source a stream socket: of a larger datagram, the rest would be lost
-/// @param buffer empty at first; keeps the size of the largest step
+/// @param buffer empty at first; its memory stays that of the largest step
 [[nodiscard]] std::int64_t streamTransferIter(int source, int destination,
                                               std::vector<std::uint8_t>& buffer,
                                               const std::atomic<bool>* running);

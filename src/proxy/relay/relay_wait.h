@@ -21,7 +21,8 @@ struct Traffic {
 /// sockets down.
 ///
 /// @return the directions with traffic, as soon as there are any. None when a destination has
-///         become writable, when a socket has hung up, or when the daemon stops.
+///         become writable, when a socket has hung up, or when the daemon stops. Both when poll
+///         fails: the steps then find the failure.
 [[nodiscard]] Traffic waitForTraffic(int client, int transport);
 
 } // namespace Vorl

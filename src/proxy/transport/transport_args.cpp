@@ -21,8 +21,8 @@ constexpr const char* function = "prepareX11RdpArgs";
 /// replacement would not end.
 std::string fill(std::string entry, std::string_view placeholder, const std::string& value) {
     const bool comesBack = value.find(placeholder) != std::string::npos;
-    // Each replacement by a shorter value uses up characters, so any entry that ends is done by
-    // then but for one that was made to take longer.
+    // An expansion that ends takes at most one replacement for each character of the entry. Only a
+    // value that was constructed for it takes more.
     const std::size_t limit = comesBack ? 1 : entry.size();
     std::size_t replaced = 0;
     for (auto at = entry.find(placeholder); at != std::string::npos; at = entry.find(placeholder)) {

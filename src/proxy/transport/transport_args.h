@@ -11,7 +11,7 @@ namespace Vorl {
 /// The shadow server's arguments, without the program's name: the configured template with its
 /// placeholders replaced, then the switches for Kerberos, security and the log level. Writes the
 /// SAM file (readable for this account only) when the session uses network level authentication
-/// (NLA).
+/// (NLA). A SAM file that cannot be created is left out without a log line.
 ///
 /// @param samFile where the SAM file goes; notes that it was written
 /// @param builtIn the program is the daemon's own shadow server, which knows additional options
