@@ -43,7 +43,6 @@ ROWS = [
     *latency("busy", "frame on one of 100 busy connections", p50=None, p99=None),
     Row("busy", "% of a core", "100 busy connections, of one core", "%", 1, Aim("≤", 1.5, True)),
     Row("idle", "% of a core", "100 idle connections, of one core", "%", 1, Aim("≤", 2.0)),
-    Row("idle", "wake-ups/s", "idle, wake-ups for each connection", "1/s"),
     Row("memory", "idle KiB", "memory for each, idle", "KiB", 1, Aim("≤", 64)),
     Row("memory", "upload KiB", "memory for each, after an upload", "KiB", 1, Aim("≤", 2048)),
     Row("end of job", "ms", "end of a job, client stalled", "ms", 1, Aim("≤", 50)),
