@@ -1,4 +1,4 @@
-# gnuplot -e "results='DIRECTORY'" plot.gp: draws the data that report.py wrote.
+# gnuplot -e "results='DIRECTORY'" latency.gp: draws the data that report.py wrote.
 file(name) = results . "/" . name . ".dat"
 targets = "vorl_proxy behind\\_a\\_front systemd-socket-proxyd haproxy nginx no\\_relay"
 measures = "echo one_way frames frames_20_ms keystroke frames_in_upload busy"
@@ -17,6 +17,6 @@ set grid
 set key left top
 do for [m = 1:words(measures)] {
     set title word(titles, m)
-    plot for [i = 1:6] file(word(measures, m)) using 1:(column(i + 1)) with lines \
+    plot for [i = 1:6] file(word(measures, m)) every 2 using 1:(column(i + 1)) with lines \
         linecolor rgb colour[i] linewidth (i == 1 ? 3 : 1) title word(targets, i)
 }
