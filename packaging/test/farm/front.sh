@@ -75,5 +75,5 @@ front_line() {
     [[ -n $line ]]
 }
 
-# passed_count: how many connections to a host have ended so far.
-passed_count() { journalctl -q -t haproxy -o cat | grep -c '^vorl-front .* host=[0-9]' || true; }
+# passed_count NAME: how many connections from this place to a host have ended so far.
+passed_count() { journalctl -q -t haproxy -o cat | grep -c "^vorl-front client=${address[$1]} .* host=[0-9]" || true; }
