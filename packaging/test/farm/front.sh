@@ -76,4 +76,4 @@ front_line() {
 }
 
 # passed_count NAME: how many connections from this place to a host have ended so far.
-passed_count() { journalctl -q -t haproxy -o cat | grep -c "^vorl-front client=${address[$1]} .* host=[0-9]" || true; }
+passed_count() { journalctl -q -t haproxy -o cat | grep -c "^vorl-front client=${address[$1]} .* source=[0-9]" || true; }

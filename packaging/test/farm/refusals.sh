@@ -60,16 +60,19 @@ try_certificates() {
 
 # The front's line has the client's address, and its own port, by which the host's line is found.
 try_audit() {
-    local source
+    local source before
+    before=$(passed_count c3)
     expected_soon alice h1 || fail "the front does not expect alice"
     expect_refused c3 alice wrong
-    wait_until 10 front_line "client=${address[c3]} .* host=${address[h1]}:3389 .* user=\"alice\"" ||
-        fail "no line of the front"
+    wait_until 10 passed_more_than "$before" c3 || fail "no line of the front"
+    front_line "client=${address[c3]} .* source=[0-9].* host=${address[h1]}:3389 .* user=\"alice\""
     source=$(sed -n 's/.* source=[0-9.]*:\([0-9]*\) .*/\1/p' <<<"$line")
     wait_until 10 host_has_noted "$source" || fail "no record of the host about port $source: $line"
     banned haproxy vorl-front "${address[c3]}"
     banned vorl_session vorl-session 10.77.1.1
 }
+
+passed_more_than() { (($(passed_count "$2") > $1)); }
 
 host_has_noted() {
     journalctl -q MESSAGE_ID=6c1d8a57e9f2436cb1a85d0f3e7b9a44 "VORL_PORT=$1" VORL_USER=alice | grep -q .
