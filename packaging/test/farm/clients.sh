@@ -51,5 +51,6 @@ send() {
         bash "${3-$front4}" "$2" 2>/dev/null || true
 }
 
-# A connection request without and with a cookie (MS-RDPBCGR 2.2.1.1).
+# Connection requests without and with a cookie (MS-RDPBCGR 2.2.1.1).
 no_cookie='\x03\x00\x00\x13\x0e\xe0\x00\x00\x00\x00\x00\x01\x00\x08\x00\x03\x00\x00\x00'
+alices_cookie='\x03\x00\x00\x2b\x26\xe0\x00\x00\x00\x00\x00Cookie: mstshash=alice\r\n\x01\x00\x08\x00\x03\x00\x00\x00'
