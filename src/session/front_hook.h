@@ -27,6 +27,8 @@ public:
 
     /// @param program nothing happens when it is empty
     void tell(const std::filesystem::path& program, const std::string& event, const Facts& facts);
+    /// Whether all has been told.
+    [[nodiscard]] bool idle() const { return calls.empty(); }
 
 private:
     struct Call {

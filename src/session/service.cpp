@@ -136,6 +136,7 @@ void Service::tick() {
     count();
     if (now >= nextLook)
         look();
+    repeatToFront(now);
     admission.advance(now);
 }
 
@@ -272,23 +273,6 @@ void Service::carryOut(const Action& action) {
     default:
         audit(action, Clock::now());
         break;
-    }
-}
-
-void Service::tellFront(const std::string& event, const Client& client, const std::string& token) {
-    front->tell(configuration.frontHook, event,
-                {{"VORL_USER", client.user},
-                 {"VORL_SESSION", client.session},
-                 {"VORL_ADDRESS", daemonAddress.address},
-                 {"VORL_PORT", std::to_string(daemonAddress.port)},
-                 {"VORL_TICKET", token}});
-}
-
-void Service::endTickets(const std::vector<Ticket>& ended) {
-    for (const Ticket& ticket : ended) {
-        Client client;
-        client.user = ticket.user;
-        tellFront("ticket-end", client, ticket.token);
     }
 }
 

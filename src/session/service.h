@@ -46,6 +46,7 @@ private:
     void settle();
     void carryOut(const Action& action);
     void tellFront(const std::string& event, const Client& client, const std::string& token = {});
+    void repeatToFront(Time now);
     void endTickets(const std::vector<Ticket>& tickets);
 
     void daemonStarted();
@@ -80,6 +81,7 @@ private:
     /// At first late enough for the daemon to have closed the port of a service that has just
     /// stopped.
     Time nextLook = Clock::now() + std::chrono::milliseconds(500);
+    Time nextRepeat;
 };
 
 } // namespace Vorl::Session

@@ -198,6 +198,7 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
         return eventually([&] { return readFile(told).find(event) != std::string::npos; });
     };
     EXPECT_TRUE(isTold("open root " + where + " .\n"));
+    EXPECT_TRUE(isTold("repeat root " + where + " .\n"));
     const std::string line = output({"ticket", "root"}), rdp = output({"ticket", "--rdp", "root"});
     const std::string start =
         "xfreerdp /v:rdp.example /u:root '/load-balance-info:Cookie: mstshash=";
