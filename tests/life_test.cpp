@@ -49,16 +49,16 @@ TEST_F(Life, TheServiceManagerIsToldOfIt) {
     EXPECT_TRUE(eventually([&] { return service.count("vorlTest") == 1; }));
     EXPECT_EQ(next(MSG_DONTWAIT), "") << "not before the service has answered";
     service.answer("vorlTest", Answer::Reply);
-    EXPECT_EQ(next(), "READY=1");
-    EXPECT_EQ(next(), "STATUS=Relays: 0");
+    ASSERT_EQ(next(), "READY=1");
+    ASSERT_EQ(next(), "STATUS=Relays: 0");
     allow();
-    EXPECT_EQ(next(), "STATUS=Relays: 0, admitting a client to session 7");
+    ASSERT_EQ(next(), "STATUS=Relays: 0, admitting a client to session 7");
     FileDescriptor client = connectTo(port);
-    EXPECT_EQ(next(), "STATUS=Relays: 1");
+    ASSERT_EQ(next(), "STATUS=Relays: 1");
     client.reset();
-    EXPECT_EQ(next(), "STATUS=Relays: 0");
+    ASSERT_EQ(next(), "STATUS=Relays: 0");
     daemon.process->signal(SIGTERM);
-    EXPECT_EQ(next(), "STOPPING=1\nSTATUS=Stopping");
+    ASSERT_EQ(next(), "STOPPING=1\nSTATUS=Stopping");
 }
 
 // The parameter is a stage of the daemon's life; a method is one whose call is not answered.

@@ -222,6 +222,7 @@ TEST_F(SessionServiceTest, AfterACrashWhatItLetInIsEnded) {
     setPassword();
     start();
     const Vorl::FileDescriptor client = connectAndSee();
+    EXPECT_TRUE(journal.saw({"127.0.0.5 sees root's session 3"})); // no call waits for its answer
     service->signal(SIGKILL);
     service->wait();
     EXPECT_TRUE(echoes(client));
