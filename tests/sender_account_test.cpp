@@ -157,4 +157,18 @@ TEST(SenderAccountLookUp, HoldsUpNeitherKnownSendersNorTheStop) {
     EXPECT_EQ(journal.count("SignalFilter: *"), 2u);
 }
 
+TEST(SenderAccountLookUp, TheLossOfEitherConnectionEndsTheDaemon) {
+    for (const size_t lost : {0, 1}) {
+        Journal journal;
+        SilentBus bus;
+        Daemon daemon{bus.address};
+        std::ofstream(daemon.configuration) << "{}";
+        daemon.start();
+        ASSERT_TRUE(journal.saw({"start: started, *"}));
+        bus.drop(lost);
+        ASSERT_EQ(daemon.process->wait(), 0) << lost;
+        EXPECT_TRUE(journal.saw({"start: connection to the system bus lost, *"}));
+    }
+}
+
 } // namespace VorlTest

@@ -24,8 +24,8 @@ protected:
         if (!method.empty())
             reach(method, Answer::Never);
         bus.daemon.signal(SIGKILL);
-        EXPECT_EQ(daemon.process->wait(10s), 0);
-        EXPECT_TRUE(journal.saw({"start: connection to the system bus lost, *"}));
+        ASSERT_EQ(daemon.process->wait(10s), 0);
+        ASSERT_TRUE(journal.saw({"start: connection to the system bus lost, *"}));
         EXPECT_TRUE(ends(client));
         EXPECT_NE(kill(shadowServer, 0), 0);
     }

@@ -41,24 +41,37 @@ TEST_F(ShadowFault, AFloodToAClientThatDoesNotReadHoldsNothingUp) {
 }
 
 TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
+    const std::string task = "JobTransferStopped: ", told = task + "kill transport, pid: *",
+                      killed = task + "transport does not end, killed, pid: *";
     start(stub("stubborn"));
-    const std::string before = daemon.resources();
-    FileDescriptor client = open();
-    client.reset();
-    const std::vector<std::string> killed = {
-        "JobTransferStopped: kill transport, pid: *",
-        "JobTransferStopped: transport does not end, killed, pid: *",
-        "JobTransferStopped: child ended, pid: *, killed by signal: 9"};
-    EXPECT_TRUE(journal.saw(killed));
-    EXPECT_TRUE(holds(before));
-    journal.forget();
     std::vector<FileDescriptor> clients;
-    for (uint32_t session = 1; session <= 4; ++session)
+    std::vector<uint32_t> pids;
+    for (uint32_t session = 1; session <= 4; ++session) {
+        clients.push_back(open(session, session));
+        pids.push_back(shadowPid());
+    }
+    service.answer("proxySessionConnected", Answer::Held); // until then, all stay in the list
+    allow(5, 5);
+    clients.push_back(connectTo(port));
+    EXPECT_TRUE(eventually([&] { return service.count("proxySessionConnected 5 *") > 0; }));
+    for (const uint32_t session : {1, 2}) { // two that are disconnected, and two that leave
+        service->signalSessionDisconnected(session, pids[session - 1], "");
+        clients[session + 1].reset();
+    }
+    service->signalProxyListenTimeout(1);
+    for (const char* message :
+         {"*: set timeout: 1", "*job stopped, session id: 3, *", "*job stopped, session id: 4, *"})
+        EXPECT_TRUE(journal.saw({message}));
+    service.answer("proxySessionConnected", Answer::Reply);
+    ASSERT_TRUE(journal.saw({told, told, killed, killed, told, told, killed,
+                             task + "child ended, pid: *, killed by signal: 9", killed},
+                            12s))
+        << "the graces run at once";
+    for (uint32_t session = 1; session <= 3; ++session)
         clients.push_back(open(session, session));
     kill(static_cast<pid_t>(shadowPid()), SIGSTOP);
     daemon.process->signal(SIGTERM);
     EXPECT_EQ(daemon.process->wait(9s), 0) << "the graces run at once";
-    EXPECT_TRUE(journal.saw(killed));
 }
 
 TEST_F(ShadowFault, OneThatEndsByItselfIsNotSignalled) {

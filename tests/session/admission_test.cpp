@@ -53,7 +53,7 @@ protected:
         return number;
     }
 
-    void show(std::uint32_t number) { admission.counted(number, 6'301, 5'053, now); }
+    void show(std::uint32_t number) { admission.counted(number, 6'301, 4'022, now); }
 
     std::uint32_t connectAndSee() {
         const std::uint32_t number = connect();
@@ -119,7 +119,7 @@ TEST_F(SessionAdmission, PoliciesCountOnlyClientsThatSeeThePicture) {
         // As long as one may still come, a stranger changes nothing for the user.
         const std::uint32_t stranger = policy == Policy::Refuse ? 0 : connect("192.0.2.66");
         admission.counted(stranger, 2'286, 100'000, now);
-        admission.counted(stranger, 100'000, 998, now);
+        admission.counted(stranger, 100'000, 1'029, now);
         EXPECT_TRUE(isConnected(user));
         decided();
 
@@ -135,6 +135,9 @@ TEST_F(SessionAdmission, PoliciesCountOnlyClientsThatSeeThePicture) {
         for (const Client& client : std::vector(admission.clients()))
             admission.relayEnded(client.number, now);
     }
+    use(Policy::Allow, 0); // means one
+    EXPECT_TRUE(isConnected(connectAndSee()));
+    EXPECT_TRUE(admission.full());
 }
 
 TEST_F(SessionAdmission, OfTwoThatCameTogetherThePolicyDecidesWhenTheySeeThePicture) {
@@ -142,10 +145,13 @@ TEST_F(SessionAdmission, OfTwoThatCameTogetherThePolicyDecidesWhenTheySeeThePict
     const std::uint32_t first = connect(), second = connect();
     decided();
     show(second);
+    show(second);
     EXPECT_EQ(decided(), "shown 8, cancel 9, ");
     show(first);
     EXPECT_EQ(decided(), "shown 7, disconnect 7, ");
     EXPECT_TRUE(isConnected(second));
+    admission.locked("3", now); // those that are being ended do not count
+    EXPECT_TRUE(isConnected(connectAndSee()));
 }
 
 TEST_F(SessionAdmission, AClientThatDoesNotLogInGoesAfterHalfAMinute) {
@@ -160,6 +166,7 @@ TEST_F(SessionAdmission, AClientThatDoesNotLogInGoesAfterHalfAMinute) {
     EXPECT_EQ(decided(), "disconnect 7, ");
     pass(2s);
     EXPECT_EQ(decided(), "disconnect 7, "); // it may have been lost
+    show(silent);
     pass(1999ms);
     EXPECT_EQ(decided(), "");
     admission.relayEnded(silent, now);
@@ -207,22 +214,25 @@ TEST_F(SessionAdmission, ManySilentClientsCannotShutOutTheUser) {
 }
 
 TEST_F(SessionAdmission, ConnectionsEndWithTheirSessionAndOnLockWhereThatIsTold) {
-    const std::uint32_t alice = connectAndSee();
-    admission.setRules({Policy::Allow, 10, false, true});
-    admission.locked("3", now);
-    EXPECT_TRUE(isConnected(alice));
-    use(Policy::Allow);
-    admission.locked("4", now);
-    EXPECT_TRUE(isConnected(alice));
-    // Another user in the foreground has the port, and takes nothing from who is connected.
-    admission.setDesktop(Admission::Desktop{"4", "bob"}, {"3", "4"}, now);
-    EXPECT_TRUE(isConnected(alice));
-    const std::uint32_t bob = connectAndSee();
-    admission.setDesktop(Admission::Desktop{"4", "bob"}, {"4"}, now);
-    EXPECT_FALSE(isConnected(alice));
-    EXPECT_TRUE(isConnected(bob));
-    admission.locked("4", now);
-    EXPECT_FALSE(isConnected(bob));
+    for (const Policy policy : {Policy::Refuse, Policy::Replace}) {
+        reach("3", "alice");
+        const std::uint32_t alice = connectAndSee();
+        admission.setRules({policy, 10, false, true});
+        admission.locked("3", now);
+        EXPECT_TRUE(isConnected(alice));
+        use(policy);
+        admission.locked("4", now);
+        EXPECT_TRUE(isConnected(alice));
+        // Another user in the foreground has the port, and takes nothing from who is connected.
+        admission.setDesktop(Admission::Desktop{"4", "bob"}, {"3", "4"}, now);
+        const std::uint32_t bob = connectAndSee();
+        EXPECT_TRUE(isConnected(alice));
+        admission.setDesktop(Admission::Desktop{"4", "bob"}, {"4"}, now);
+        EXPECT_FALSE(isConnected(alice));
+        EXPECT_TRUE(isConnected(bob));
+        admission.locked("4", now);
+        EXPECT_FALSE(isConnected(bob));
+    }
 }
 
 TEST_F(SessionAdmission, AClientOnItsWayGetsNothingOfTheNextSession) {

@@ -6,7 +6,10 @@
 #include "session/password_file.h"
 #include "session/x_display.h"
 
+#include <thread>
+
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 namespace VorlTest {
@@ -45,8 +48,10 @@ TEST(SessionFiles, ThePasswordFileIsForItsAccountAlone) {
     ASSERT_EQ(stat(file.c_str(), &facts), 0);
     EXPECT_EQ(facts.st_mode & 07777, 0600U);
 
-    chmod(file.c_str(), 0640);
-    EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "chmod 600"));
+    for (const mode_t mode : {0640, 0620, 0604, 0602}) {
+        chmod(file.c_str(), mode);
+        EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "chmod 600")) << mode;
+    }
     chmod(file.c_str(), 0600);
     EXPECT_EQ(problemOf([&] { return find("alice"); }), "none");
     if (hasAllAccounts()) {
@@ -54,7 +59,44 @@ TEST(SessionFiles, ThePasswordFileIsForItsAccountAlone) {
         EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "chown root"));
     }
     EXPECT_TRUE(has(problemOf([] { return makeCredentials("a", ""); }), "empty"));
-    EXPECT_TRUE(has(problemOf([] { return makeCredentials("a", "\xff"); }), "UTF-8"));
+    EXPECT_TRUE(has(problemOf([] { return makeCredentials("a", "a\xff"); }), "UTF-8"));
+    std::filesystem::rename(file, file.string() + "2");
+    std::filesystem::create_symlink(file.string() + "2", file);
+    EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "cannot be read"));
+    std::filesystem::remove(file);
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    alarm(20); // for an open that waits for a writer
+    EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "must be a file"));
+    alarm(0);
+}
+
+TEST(SessionFiles, NoPasswordIsLostWhenSeveralAreSetOrTheDiskIsFull) {
+    const std::filesystem::path directory = makeDirectory(), file = directory / "passwd";
+    ASSERT_EQ(mount("none", directory.c_str(), "tmpfs", 0, "size=16k"), 0);
+    const auto store = [&](const std::string& user) {
+        return [&file, user] {
+            for (int i = 0; i < 100; ++i)
+                storeCredentials(file, user + std::to_string(i % 10),
+                                 user + std::to_string(i % 10) + ":");
+        };
+    };
+    storeCredentials(file, "alice", "alice:");
+    {
+        const std::jthread first(store("bob")), second(store("eve"));
+        for (int i = 0; i < 1000; ++i)
+            ASSERT_EQ(problemOf([&] { return findCredentials(file, "alice"); }), "none");
+    }
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(problemOf([&] { return findCredentials(file, "bob" + std::to_string(i)); }),
+                  "none");
+        EXPECT_EQ(problemOf([&] { return findCredentials(file, "eve" + std::to_string(i)); }),
+                  "none");
+    }
+    EXPECT_THROW(storeCredentials(file, "mallory", "mallory:" + std::string(20'000, 'x')),
+                 std::system_error);
+    EXPECT_EQ(problemOf([&] { return findCredentials(file, "alice"); }), "none");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1);
+    umount2(directory.c_str(), MNT_DETACH);
 }
 
 TEST(SessionFiles, AConfigurationWithAMistakeIsNotTaken) {
@@ -66,16 +108,23 @@ TEST(SessionFiles, AConfigurationWithAMistakeIsNotTaken) {
     EXPECT_EQ(read("{}").rules.policy, Policy::Replace);
     EXPECT_EQ(read(R"({"connection:policy": "multiallow"})").rules.policy, Policy::Allow);
     EXPECT_EQ(read(R"({"connection:policy": "authlock"})").rules.policy, Policy::Refuse);
+    const Rules rules = read(R"({"connection:limit": 3, "connection:endonlock": true,
+                                 "connection:slowdown": false})")
+                            .rules;
+    EXPECT_TRUE(rules.limit == 3 && rules.endOnLock && !rules.slowFailures);
     for (const auto& [text, part] : {std::pair(R"({"connection:polcy": ""})", "connection:polcy"),
                                      {R"({"connection:limit": "2"})", "a whole number"},
                                      {R"({"connection:endonlock": 1})", "true or false"},
                                      {"{", "no JSON object"},
+                                     {"{} // remark", "no JSON object"},
                                      {"[]", "no JSON object"}})
         EXPECT_TRUE(has(problemOf([&] { return read(text); }), part)) << text;
     std::filesystem::remove(file);
     EXPECT_TRUE(has(problemOf([&] { return readConfiguration(file); }), "cannot be read"));
-    std::ofstream(file) << R"({"listen:port": "3389"})";
-    EXPECT_TRUE(has(problemOf([&] { return readDaemonAddress(file); }), "listen:port"));
+    for (const std::string key : {"listen:port", "listen:addr"}) {
+        std::ofstream(file) << "{\"" + key + "\": []}";
+        EXPECT_TRUE(has(problemOf([&] { return readDaemonAddress(file); }), key.c_str()));
+    }
 }
 
 TEST(SessionFiles, TheCookieComesFromTheXServerThatBelongsToTheSession) {

@@ -2,6 +2,7 @@
 #include "fixtures/daemon.h"
 #include "fixtures/journal.h"
 #include "fixtures/private_bus.h"
+#include "fixtures/service_manager.h"
 #include "fixtures/x_server.h"
 
 #include <gtest/gtest.h>
@@ -63,13 +64,14 @@ protected:
         return testing::AssertionFailure() << text;
     }
 
-    void setPassword() {
-        const auto process = std::make_unique<Process>(
-            std::vector<std::string>{"/bin/sh", "-c",
-                                     "echo secret | " VORL_SESSION " --config '" +
-                                         (home / "session.json").string() + "' password root"},
-            environment(), home);
-        EXPECT_EQ(process->wait(), 0) << readFile(home / "errors");
+    // What the command prints when it gets that input.
+    std::string setPassword(const std::string& input = "secret", const std::string& user = "root") {
+        Process process({"/bin/sh", "-c",
+                         "printf '" + input + "' | " VORL_SESSION " --config '" +
+                             (home / "session.json").string() + "' password " + user},
+                        environment(), home);
+        process.wait();
+        return readFile(home / "errors");
     }
 
     void start() {
@@ -86,7 +88,8 @@ protected:
     }
 
     std::vector<std::string> environment() const {
-        return {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.address, "RUNTIME_DIRECTORY=" + home.string()};
+        return {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.address, "RUNTIME_DIRECTORY=" + home.string(),
+                manager.variable()};
     }
 
     static inline const std::filesystem::path sessions = "/run/systemd/sessions";
@@ -96,6 +99,7 @@ protected:
     Journal journal;
     PrivateBus bus;
     XServer server{5};
+    ServiceManager manager;
     Daemon daemon{bus.address};
     std::unique_ptr<Process> service;
 };
@@ -105,11 +109,15 @@ TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSessi
     EXPECT_TRUE(says("no session can be reached\n  nobody is logged in *Nobody is connected.\n"));
     logIn("3");
     EXPECT_TRUE(says("*root has no password for remote log-in: vorl_session password root\n*"));
-    setPassword();
+    EXPECT_NE(setPassword("").find("no password was given"), std::string::npos);
+    EXPECT_NE(setPassword("secret", "nobody-known").find("there is no account"), std::string::npos);
+    EXPECT_EQ(setPassword(), "");
     EXPECT_TRUE(says("root's session 3 can be reached at " + where + "\nNobody is connected.\n"));
+    EXPECT_EQ(manager.next(), "READY=1");
 
     Vorl::FileDescriptor client = connectAndSee();
-    EXPECT_TRUE(journal.saw({"127.0.0.5 sees root's session 3"}));
+    EXPECT_TRUE(journal.saw({"signalProxyAllowConnection: session id: *, timeout: 86400",
+                             "127.0.0.5 sees root's session 3"}));
     EXPECT_TRUE(says("*Connected:\n  127.0.0.5:* at root's session 3 since *, sees the picture\n"));
     const std::string sam = readFile(daemon.workDirectory / "rdp_transport_0_0.log");
     EXPECT_NE(sam.find("+sec-nla, /sam-file:"), std::string::npos) << sam;
@@ -117,13 +125,20 @@ TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSessi
     EXPECT_NE(sam.find("XAUTHORITY=" + (home / "authority-5").string()), std::string::npos) << sam;
     EXPECT_NE(readFile(home / "authority-5").find("0123456789abcdef"), std::string::npos);
 
+    const Vorl::FileDescriptor silent = connectTo(port); // takes nobody's place
+    EXPECT_TRUE(says("*, sees the picture\n*, does not see the picture\n"));
     const Vorl::FileDescriptor second = connectAndSee(); // takes its place
     EXPECT_TRUE(ends(client) || echoes(client));
     EXPECT_TRUE(journal.saw({"127.0.0.5 no longer sees root's session 3 after * s: another client "
                              "has taken its place"}));
+    EXPECT_EQ(output({"password", "--remove", "root"}), "");
+    EXPECT_TRUE(says("*root has no password*127.0.0.5*127.0.0.5*"));
+    const std::string status = "STATUS=no session can be reached; connections: 2";
+    EXPECT_TRUE(eventually([&] { return manager.next(MSG_DONTWAIT) == status; }));
     std::filesystem::remove(sessions / "3");
-    EXPECT_TRUE(journal.saw({"*: another client has taken its place",
-                             "127.0.0.5 no longer sees *: the session has ended"}));
+    for (const char* message : {"127.0.0.5 no longer sees *: the session has ended",
+                                "127.0.0.5 never saw root's session 3, gone after * s: the *"})
+        EXPECT_TRUE(journal.saw({"*: another client has taken its place", message}));
     EXPECT_TRUE(eventually([&] { return !connectTo(port, 0ms); })) << "the port is open";
 
     for (Journal::Record& record : journal.records()) {
@@ -138,6 +153,8 @@ TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSessi
 }
 
 TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
+    const Vorl::FileDescriptor another = boundSocket("127.0.0.9", port); // is not the daemon's
+    listen(another.get(), 1);
     logIn("3");
     setPassword();
     start();
@@ -150,6 +167,7 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
                       : result;
     };
     EXPECT_TRUE(mended());
+    EXPECT_EQ(journal.count("*earlier life*"), 0U);
     configure(R"(, "connection:polcy": "multiallow")");
     EXPECT_TRUE(isClosed("unknown key \"connection:polcy\""));
     configure("");
@@ -175,8 +193,8 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
     daemon.start();
     EXPECT_TRUE(eventually([&] { return connectTo(port, 0ms).get() >= 0; }));
 
-    const auto another = run("another", {});
-    EXPECT_EQ(another->wait(), 1);
+    const auto rival = run("another", {});
+    EXPECT_EQ(rival->wait(), 1);
     EXPECT_NE(readFile(home / "another/errors").find("another session service owns"),
               std::string::npos);
     service->signal(SIGTERM);
@@ -190,7 +208,9 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
                            " $VORL_TICKET.\" >>"
                         << told << "\n[ \"$1\" != taken ]\n";
     std::filesystem::permissions(hook, std::filesystem::perms(0700));
-    configure(R"(, "front:hook": ")" + hook.string() + R"(", "front:address": "rdp.example")");
+    configure(
+        R"(, "connection:policy": "authlock", "front:address": "rdp.example", "front:hook": ")" +
+        hook.string() + '"');
     logIn("3");
     setPassword();
     start();
@@ -214,6 +234,7 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     EXPECT_TRUE(isTold("taken root " + where + " .\n"));
     EXPECT_TRUE(journal.saw({"FrontHook: * taken failed, status: 1"}));
     EXPECT_TRUE(isTold("ticket-end root " + where + " " + token + ".\n"));
+    EXPECT_TRUE(says("*, but not by others while somebody is connected\n*"));
     std::filesystem::remove(sessions / "3");
     EXPECT_TRUE(isTold("closed root " + where + " .\n"));
 }
@@ -223,6 +244,7 @@ TEST_F(SessionServiceTest, AfterACrashWhatItLetInIsEnded) {
     setPassword();
     start();
     const Vorl::FileDescriptor client = connectAndSee();
+    EXPECT_TRUE(journal.saw({"127.0.0.5 sees root's session 3"})); // no call waits for its answer
     service->signal(SIGKILL);
     service->wait();
     EXPECT_TRUE(echoes(client));
@@ -233,7 +255,14 @@ TEST_F(SessionServiceTest, AfterACrashWhatItLetInIsEnded) {
     EXPECT_EQ(daemon.process->wait(), 0);
     EXPECT_TRUE(ends(client));
     daemon.start(); // as systemd does
+    const Vorl::FileDescriptor next = connectAndSee();
+    journal.forget();
+    service->signal(SIGTERM); // not a crash: the daemon has let all go by the next start
+    EXPECT_EQ(service->wait(), 0);
+    EXPECT_TRUE(ends(next));
+    service = run("service", {});
     EXPECT_TRUE(echoes(connectAndSee()));
+    EXPECT_EQ(journal.count("*earlier life*"), 0U);
 }
 
 } // namespace VorlTest
