@@ -111,7 +111,7 @@ TEST(SessionFiles, AConfigurationWithAMistakeIsNotTaken) {
     const Rules rules = read(R"({"connection:limit": 3, "connection:endonlock": true,
                                  "connection:slowdown": false})")
                             .rules;
-    EXPECT_TRUE(rules.limit == 3 && rules.endOnLock && !rules.slowFailures);
+    EXPECT_TRUE(rules.limit == 3 && rules.endOnLock && !rules.delayFailedAddresses);
     for (const auto& [text, part] : {std::pair(R"({"connection:polcy": ""})", "connection:polcy"),
                                      {R"({"connection:limit": "2"})", "a whole number"},
                                      {R"({"connection:endonlock": 1})", "true or false"},
