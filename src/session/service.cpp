@@ -169,7 +169,7 @@ void Service::readConfigurationFiles() {
     daemonAddress = readDaemonAddress(configuration.daemonConfiguration);
     const bool busy = !socketsOf(daemonAddress).empty();
     if (busy && !std::exchange(previousInstanceChecked, true)) {
-        Syslog::warning("%s: vorl_proxy has a port or connections that an earlier life of this "
+        Syslog::warning("%s: vorl_proxy has a port or connections that a previous instance of this "
                         "service let in: all of them are ended, and the port opens anew within "
                         "seconds",
                         "vorl_session");
