@@ -88,7 +88,10 @@ TEST_F(Failure, OfACallLeavesNothingOpen) {
     service.answer("proxyClientConnected", Answer::Reply);
 
     service.answer("proxySessionConnected", Answer::Error); // the job stays
+    const size_t descriptors = daemon.descriptors();
     expectFailure({"actionCreateTransport: session id: 7, create transfer job, *", toldSo});
+    EXPECT_TRUE(eventually([&] { return daemon.descriptors() == descriptors + 2; }))
+        << "nobody else gets its numbers";
     service.answer("proxySessionConnected", Answer::Reply);
     FileDescriptor client = open(7); // must not get what was the first one's
     EXPECT_TRUE(echoes(client));

@@ -100,6 +100,7 @@ TEST_F(ShadowFault, OneThatDoesNotAcceptDoesNotKeepTheDaemonFromStopping) {
         EXPECT_TRUE(ends(client));
         EXPECT_TRUE(journal.saw({"unixConnect: connect failed, *", "*: transport not started, *",
                                  "*: child ended, *"}));
+        EXPECT_EQ(journal.count("*: transport does not end, *"), 0u) << "it is told to";
     }
 }
 

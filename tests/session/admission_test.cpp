@@ -48,7 +48,7 @@ protected:
         const std::uint32_t number = allowed;
         admission.listenStarted(number, true, now);
         EXPECT_TRUE(admission.clientConnected(number, address, 4000, now)) << number;
-        EXPECT_TRUE(admission.mayDescribe(number));
+        EXPECT_TRUE(admission.mayDescribe(number) && !admission.mayDescribe(number - 1));
         admission.relayStarted(number, 1000, now);
         return number;
     }
@@ -166,6 +166,7 @@ TEST_F(SessionAdmission, AClientThatDoesNotLogInGoesAfterHalfAMinute) {
     EXPECT_EQ(decided(), "disconnect 7, ");
     pass(2s);
     EXPECT_EQ(decided(), "disconnect 7, "); // it may have been lost
+    EXPECT_EQ(admission.nextDeadline(), now + 2s);
     show(silent);
     pass(1999ms);
     EXPECT_EQ(decided(), "");
@@ -199,6 +200,25 @@ TEST_F(SessionAdmission, SlowsDownAnAddressThatKeepsFailing) {
     connectAndSee();
     fail();
     EXPECT_FALSE(isRefused("192.0.2.1")); // it has shown that it can log in
+    fail();
+    admission.setRules({Policy::Replace, 10, false, false});
+    EXPECT_FALSE(isRefused("192.0.2.1")); // where all have one address
+    use(Policy::Replace);
+    pass(601s);
+    fail();
+    EXPECT_FALSE(isRefused("192.0.2.1")); // which has been forgotten
+    const auto endTwo = [&](const char* address, Clock::duration after) {
+        const std::uint32_t one = connect(address), two = connect(address);
+        pass(after);
+        admission.setDesktop({}, {}, now); // ends those that have not been ended
+        admission.relayEnded(one, now);
+        admission.relayEnded(two, now);
+        reach("3", "alice");
+    };
+    endTwo("192.0.2.3", 31s);
+    EXPECT_TRUE(isRefused("192.0.2.3")); // silent for half a minute
+    endTwo("192.0.2.4", 1s);
+    EXPECT_FALSE(isRefused("192.0.2.4")); // the session has ended
 }
 
 TEST_F(SessionAdmission, ManySilentClientsCannotShutOutTheUser) {
@@ -238,6 +258,7 @@ TEST_F(SessionAdmission, ConnectionsEndWithTheirSessionAndOnLockWhereThatIsTold)
 TEST_F(SessionAdmission, AClientOnItsWayGetsNothingOfTheNextSession) {
     admission.listenStarted(7, true, now);
     EXPECT_TRUE(admission.clientConnected(7, "192.0.2.1", 4000, now));
+    EXPECT_EQ(admission.nextDeadline(), now + 10s);
     reach("4", "bob");
     EXPECT_FALSE(admission.mayDescribe(7));
     decided();
@@ -247,8 +268,20 @@ TEST_F(SessionAdmission, AClientOnItsWayGetsNothingOfTheNextSession) {
     EXPECT_TRUE(admission.clientConnected(8, "192.0.2.1", 4000, now));
     pass(10s); // its shadow server has failed
     EXPECT_EQ(decided(), "open 8, taken 8, unshown 8, disconnect 7, allow 9, ");
+    admission.listenStarted(9, true, now);
+    reach("5", "eve"); // the port is for nobody else
+    EXPECT_EQ(decided(), "open 9, cancel 9, close 9, ");
+    pass(300ms);
+    EXPECT_TRUE(admission.clientConnected(10, "192.0.2.1", 4000, now));
+    decided();
+    admission.daemonChanged(now);
+    EXPECT_EQ(decided(), "unshown 10, allow 11, ");
+    admission.relayStarted(99, 1000, now); // of no client that we know
+    EXPECT_EQ(decided(), "disconnect 99, ");
+    connectAndSee();
+    decided();
     admission.stop(now);
-    EXPECT_EQ(decided(), "cancel 9, ");
+    EXPECT_EQ(decided(), "cancel 12, disconnect 11, ");
 }
 
 } // namespace VorlTest
