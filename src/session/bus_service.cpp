@@ -157,6 +157,8 @@ BusService::BusService(sd_event* loop, BusHandlers busHandlers) : handlers(std::
     require(sd_bus_attach_event(bus, loop, SD_EVENT_PRIORITY_NORMAL), "the event loop");
     // A lost bus ends the event loop; systemd starts the service again.
     sd_bus_set_exit_on_disconnect(bus, 1);
+    // The end of the loop does not close the bus: what a stop decides is sent after it.
+    sd_bus_set_close_on_exit(bus, 0);
     exportObjects();
     watchScreenLocks();
     // The name last: the daemon may call at once.
