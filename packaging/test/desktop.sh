@@ -133,6 +133,12 @@ open_client() {
 
 client_gone() { not running "$1-client"; }
 
+# Somebody who stays silent. He is turned away as long as his address has failed too often.
+stranger_stays() {
+    exec {stranger}<>/dev/tcp/127.0.0.1/3389
+    wait_until 3 says "does not see the picture" || { exec {stranger}>&- && return 1; }
+}
+
 close_client() {
     stop "$1-client"
 }

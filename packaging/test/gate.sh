@@ -9,7 +9,7 @@ try_gate() {
     expect "restart" systemctl restart vorl_proxy
     expect "restart" systemctl restart haproxy
     wait_until 20 says "can be reached at 127.0.0.1:13389" || fail "$(vorl_session status)"
-    wait_until 20 front_noted "vorl-tell.* PUT /user status=204" || fail "the gate has been told nothing"
+    wait_until 20 front_noted "vorl-tell.* /user status=204" || fail "the gate has been told nothing"
     open_client one "pässword-1"
     expect_picture_on one alice
     close_client one
@@ -38,7 +38,7 @@ try_gate_over_tls() {
     expect "restart" systemctl restart haproxy
     expect "restart" systemctl daemon-reload
     expect "restart" systemctl restart vorl_session
-    wait_until 20 front_noted "certificate=.desk.* PUT /user status=204" || fail "the front has been told nothing"
+    wait_until 20 front_noted "certificate=.desk.* /user status=204" || fail "the front has been told nothing"
     open_client one "pässword-1"
     expect_picture_on one alice
     close_client one
