@@ -127,7 +127,7 @@ status_text_ends() { [[ $(systemctl show --value --property StatusText vorl_sess
 # open_client NAME PASSWORD: on the display NAME.
 open_client() {
     wait_until 20 listening || fail "no port: $(vorl_session status)"
-    on "$1" start "$1-client" "$rdp_client" "/v:$client_host:3389" "/u:$user" "/p:$2" /sec:nla /cert:ignore \
+    on "$1" start "$1-client" "$rdp_client" "/v:$client_host" "/u:$user" "/p:$2" /sec:nla /cert:ignore \
         "/size:$size" /f
 }
 

@@ -18,7 +18,7 @@ try_gate() {
     expect_no_picture_on one
     vorl_session ticket --rdp alice >"$work/alice.rdp"
     wait_until 10 front_noted "vorl-tell.* PUT /ticket status=204" || fail "the gate knows no ticket"
-    on one start one-client "$rdp_client" "$work/alice.rdp" "/v:$client_host:3389" \
+    on one start one-client "$rdp_client" "$work/alice.rdp" "/v:$client_host" \
         "/p:pässword-1" /sec:nla /cert:ignore "/size:$size" /f
     expect_picture_on one alice
     close_client one
