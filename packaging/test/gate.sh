@@ -4,7 +4,7 @@
 session_examples=/usr/share/doc/vorl-session/examples
 
 try_gate() {
-    local client_host=[::1]
+    local client_host='[::1]'
     cp -r --backup "$session_examples/gate/etc" /
     expect "restart" systemctl restart vorl_proxy
     expect "restart" systemctl restart haproxy
@@ -26,7 +26,7 @@ try_gate() {
 
 # The machine is its own front: for the hook's way through the service's sandbox.
 try_gate_over_tls() {
-    local client_host=[::1]
+    local client_host='[::1]'
     cp -r --backup "$session_examples/host/etc" /
     (cd "$work" && "$session_examples/certificate" front 127.0.0.1 && "$session_examples/certificate" host desk)
     echo https://127.0.0.1:3390 >/etc/vorl/fronts
@@ -50,7 +50,7 @@ remove_gate() {
     local file
     systemctl stop haproxy
     rm -r /etc/systemd/system/vorl_session.service.d /etc/haproxy/vorl /etc/vorl/{front-hook,fronts,host.pem,authority.crt}
-    rm -f /etc/vorl/front-hook~
+    rm -f /etc/vorl/front-hook~ /run/haproxy/vorl.sock
     for file in /etc/haproxy/haproxy.cfg /etc/vorl/vorl_proxy.json; do
         mv "$file~" "$file"
     done
