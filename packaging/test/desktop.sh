@@ -127,11 +127,17 @@ status_text_ends() { [[ $(systemctl show --value --property StatusText vorl_sess
 # open_client NAME PASSWORD: on the display NAME.
 open_client() {
     wait_until 20 listening || fail "no port: $(vorl_session status)"
-    on "$1" start "$1-client" "$rdp_client" "/v:$client_host:3389" "/u:$user" "/p:$2" /sec:nla /cert:ignore \
+    on "$1" start "$1-client" "$rdp_client" "/v:$client_host" "/u:$user" "/p:$2" /sec:nla /cert:ignore \
         "/size:$size" /f
 }
 
 client_gone() { not running "$1-client"; }
+
+# Somebody who stays silent. He is turned away as long as his address has failed too often.
+stranger_stays() {
+    exec {stranger}<>/dev/tcp/127.0.0.1/3389
+    wait_until 3 says "does not see the picture" || { exec {stranger}>&- && return 1; }
+}
 
 close_client() {
     stop "$1-client"

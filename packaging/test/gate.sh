@@ -4,12 +4,12 @@
 session_examples=/usr/share/doc/vorl-session/examples
 
 try_gate() {
-    local client_host=[::1]
+    local client_host='[::1]'
     cp -r --backup "$session_examples/gate/etc" /
     expect "restart" systemctl restart vorl_proxy
     expect "restart" systemctl restart haproxy
     wait_until 20 says "can be reached at 127.0.0.1:13389" || fail "$(vorl_session status)"
-    wait_until 20 front_noted "vorl-tell.* PUT /user status=204" || fail "the gate has been told nothing"
+    wait_until 20 front_noted "vorl-tell.* /user status=204" || fail "the gate has been told nothing"
     open_client one "pässword-1"
     expect_picture_on one alice
     close_client one
@@ -18,7 +18,7 @@ try_gate() {
     expect_no_picture_on one
     vorl_session ticket --rdp alice >"$work/alice.rdp"
     wait_until 10 front_noted "vorl-tell.* PUT /ticket status=204" || fail "the gate knows no ticket"
-    on one start one-client "$rdp_client" "$work/alice.rdp" "/v:$client_host:3389" \
+    on one start one-client "$rdp_client" "$work/alice.rdp" "/v:$client_host" \
         "/p:pässword-1" /sec:nla /cert:ignore "/size:$size" /f
     expect_picture_on one alice
     close_client one
@@ -26,7 +26,7 @@ try_gate() {
 
 # The machine is its own front: for the hook's way through the service's sandbox.
 try_gate_over_tls() {
-    local client_host=[::1]
+    local client_host='[::1]'
     cp -r --backup "$session_examples/host/etc" /
     (cd "$work" && "$session_examples/certificate" front 127.0.0.1 && "$session_examples/certificate" host desk)
     echo https://127.0.0.1:3390 >/etc/vorl/fronts
@@ -38,7 +38,7 @@ try_gate_over_tls() {
     expect "restart" systemctl restart haproxy
     expect "restart" systemctl daemon-reload
     expect "restart" systemctl restart vorl_session
-    wait_until 20 front_noted "certificate=.desk.* PUT /user status=204" || fail "the front has been told nothing"
+    wait_until 20 front_noted "certificate=.desk.* /user status=204" || fail "the front has been told nothing"
     open_client one "pässword-1"
     expect_picture_on one alice
     close_client one
@@ -50,7 +50,7 @@ remove_gate() {
     local file
     systemctl stop haproxy
     rm -r /etc/systemd/system/vorl_session.service.d /etc/haproxy/vorl /etc/vorl/{front-hook,fronts,host.pem,authority.crt}
-    rm -f /etc/vorl/front-hook~
+    rm -f /etc/vorl/front-hook~ /run/haproxy/vorl.sock
     for file in /etc/haproxy/haproxy.cfg /etc/vorl/vorl_proxy.json; do
         mv "$file~" "$file"
     done
