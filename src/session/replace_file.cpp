@@ -16,6 +16,8 @@ void replaceFile(const std::filesystem::path& path, const std::string& content, 
     std::string aside = path.string() + ".XXXXXX";
     const FileDescriptor file(mkostemp(aside.data(), O_CLOEXEC)); // mode 0600
     const auto size = static_cast<ssize_t>(content.size());
+    if (file)
+        errno = ENOSPC; // a short write does not set it
     if (file && write(file.get(), content.data(), content.size()) == size &&
         fchmod(file.get(), mode) == 0 && fsync(file.get()) == 0 &&
         rename(aside.c_str(), path.c_str()) == 0)
