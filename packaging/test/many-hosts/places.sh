@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the farm's run
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with run
 # Places: network and mount namespaces that are joined to the front's alone, which does not forward.
 # A place's name is also its keeper's, the process that holds the namespaces.
 

@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the farm's run
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with run
 # RDP clients of the release, each in a place with a display of its own, and strangers.
 
 make_client_place() {

@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the farm's run
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with run
 # Who is refused, and what the auditor and fail2ban learn of it.
 
 # make_ticket [--rdp]: what "vorl_session ticket" prints for Alice goes to $work/ticket; returns when

@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the farm's run
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with run
 # A host: a place with a bus, logind's files, a desktop, vorl_session, vorl_proxy, and the examples'
 # hook, which tells the front with a certificate of the host's own.
 

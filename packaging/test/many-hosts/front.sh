@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with the farm's run
+# shellcheck shell=bash disable=SC2034,SC2154 # shares its variables with run
 # The front: HAProxy with the example's configuration, whose paths are made the farm's own.
 
 certificate() { (cd "$work/certificates" && "$examples/certificate" "$@" >>"$work/certificates.log" 2>&1); }
