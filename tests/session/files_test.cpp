@@ -116,7 +116,7 @@ TEST(SessionFiles, AConfigurationWithAMistakeIsNotTaken) {
                                      {"{", "no JSON object"},
                                      {"{} // remark", "no JSON object"},
                                      {"[]", "no JSON object"}})
-        EXPECT_TRUE(has(problemOf([&] { return read(text); }), part)) << text;
+        EXPECT_TRUE(has(problemOf([&, &content = text] { return read(content); }), part)) << text;
     std::filesystem::remove(file);
     EXPECT_TRUE(has(problemOf([&] { return readConfiguration(file); }), "cannot be read"));
     for (const std::string key : {"listen:port", "listen:addr"}) {
