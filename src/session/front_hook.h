@@ -11,7 +11,8 @@
 namespace Vorl::Session {
 
 /// Runs the program that tells a front whom to expect; one at a time, in the order of the events,
-/// each for ten seconds at most. A failure is logged, and delays nobody.
+/// each for ten seconds at most. A failure is logged, and delays nobody. The one for HAProxy is
+/// packaging/front/front-hook.
 ///
 /// Its one argument is the event's name. Everything else is in its environment, which, unlike an
 /// argument list, others cannot read: a ticket is among it.
