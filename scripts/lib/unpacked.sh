@@ -5,13 +5,13 @@
 # fetch_unpacked DIRECTORY PACKAGE...: once, into DIRECTORY/root, with what they depend on; the
 # packages stay in DIRECTORY/debs. What the machine already has is taken from it; apt leaves that out.
 fetch_unpacked() {
-    local debs=$1/debs
-    [[ ! -e $debs/complete ]] || return 0
-    mkdir -p "$debs/partial" "$1/root"
+    local archives=$1/debs
+    [[ ! -e $archives/complete ]] || return 0
+    mkdir -p "$archives/partial" "$1/root"
     apt-get update -qq
     apt-get install -qq --yes --download-only --no-install-recommends \
-        -o Dir::Cache::archives="$debs" "${@:2}" >/dev/null ||
+        -o Dir::Cache::archives="$archives" "${@:2}" >/dev/null ||
         fail "${*:2} cannot be fetched: is the Debian registry within reach?"
-    find "$debs" -name '*.deb' -exec dpkg -x {} "$1/root" \;
-    touch "$debs/complete"
+    find "$archives" -name '*.deb' -exec dpkg -x {} "$1/root" \;
+    touch "$archives/complete"
 }
