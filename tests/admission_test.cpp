@@ -21,8 +21,14 @@ TEST_F(Admission, TakesOneAllowanceAtATime) {
     service->signalProxyAllowConnection(8, 1);
     service->signalProxyAllowConnection(7, 1);
     EXPECT_TRUE(journal.saw({admit + "listen transport busy, session id: 8",
-                             admit + "listen transport busy, session id: 7"}));
+                             admit + "listen transport busy, session id: 7"},
+                            4s))
+        << "at once";
+    service.answer("proxyClientConnected", Answer::Held);
     const FileDescriptor client = connectTo(port);
+    EXPECT_TRUE(eventually([&] { return service.count("proxyClientConnected *") > 0; }));
+    EXPECT_FALSE(connectTo(port, 0ms)) << "a second client, while the first one is on its way";
+    service.answer("proxyClientConnected", Answer::Reply);
     EXPECT_TRUE(echoes(client));
     EXPECT_TRUE(echoes(open(8)));
     EXPECT_EQ(service.count("proxyListenStarted *"), 2u);

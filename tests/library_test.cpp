@@ -1,3 +1,4 @@
+#include "bus/bus_loop.h"
 #include "common/accounts.h"
 #include "common/child_process.h"
 #include "common/error.h"
@@ -26,6 +27,12 @@ protected:
 
     Journal journal;
 };
+
+TEST_F(Library, ABusLoopThatIsLeftBeforeItIsEnteredEnds) {
+    BusLoop loop;
+    loop.leave();
+    loop.enter();
+}
 
 TEST_F(Library, JsonKeysAreFlatAndConvertAsJsoncppDoes) {
     const JsonConfigString config(R"({"listen:port": 4000, "listen": {"addr": "x"}, "null": null,

@@ -5,6 +5,7 @@
 #include "logger"
 #include "proxy/relay/job_list.h"
 #include "proxy/relay/relay_step.h"
+#include "proxy/relay/relay_wait.h"
 
 #include <csignal>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <linux/socket.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 
 namespace VorlTest {
@@ -114,6 +116,17 @@ TEST_F(RelayJob, SeesAnEndWhileTheOtherSideTakesNothing) {
     }
 }
 
+TEST_F(RelayJob, SeesAnEndBesideTrafficTheOtherWay) {
+    const FileDescriptor accepted(socketFd), local(unixFd);
+    const std::string piece(1 << 16, 'x');
+    while (send(unixFd, piece.data(), piece.size(), MSG_DONTWAIT) > 0) { // no room for an upload
+    }
+    send(shadow.get(), "p", 1, 0);
+    send(client.get(), "k", 1, 0);
+    shutdown(client.get(), SHUT_WR);
+    EXPECT_TRUE(eventually([&] { return Vorl::waitForTraffic(socketFd, unixFd).fromClient; }));
+}
+
 TEST_F(RelayJob, EndsWhileItsSendIsBlocked) {
     for (const std::string how : {"stop", "drop", "stop the upload"}) {
         connectPair();
@@ -171,6 +184,15 @@ TEST_F(RelayJob, BoundsItsBuffers) {
     EXPECT_EQ(option(socketFd, SOL_SOCKET, SO_SNDBUF), 768 << 10);
     EXPECT_EQ(option(unixFd, SOL_SOCKET, SO_SNDBUF), 1536 << 10);
     EXPECT_EQ(option(socketFd, SOL_SOCKET, SO_BUF_LOCK), SOCK_RCVBUF_LOCK);
+    job.reset();
+    connectPair();
+    const int before = option(unixFd, SOL_SOCKET, SO_SNDBUF);
+    std::thread([this] { // without privileges: the kernel keeps accounts by thread
+        syscall(SYS_setresuid, 65534, 65534, 65534);
+        startJob();
+    })
+        .join();
+    EXPECT_GT(option(unixFd, SOL_SOCKET, SO_SNDBUF), before) << "as far as the limits allow";
 }
 
 TEST_F(RelayJob, EndsByAnExceptionWhereTheInputCannotBeCounted) {

@@ -126,49 +126,101 @@ TEST_F(SenderAccount, IsLookedUpWhileACallWaits) {
     service.answer("proxyListenStarted", Answer::Reply);
 }
 
-TEST(SenderAccountLookUp, HoldsUpNeitherKnownSendersNorTheStop) {
+// On a bus that tells no account before it is told to.
+class SenderAccountLookUp : public testing::Test {
+protected:
+    void SetUp() override {
+        std::ofstream(daemon.configuration) << "{}";
+        daemon.start();
+        ASSERT_TRUE(journal.saw({"start: started, *"}));
+    }
+
+    void signal(const char* sender, uint32_t number) {
+        bus.signal(sender, "signalProxyListenTimeout", number);
+    }
+
+    testing::AssertionResult heard(uint32_t number) {
+        return journal.saw({"*: set timeout: " + std::to_string(number)});
+    }
+
+    testing::AssertionResult refused(const std::string& senderAndAccount) {
+        return journal.saw({"*account not allowed: *, sender: " + senderAndAccount});
+    }
+
+    void expectEndAfterLossOf(size_t connection) {
+        bus.drop(connection);
+        ASSERT_EQ(daemon.process->wait(), 0);
+        EXPECT_TRUE(journal.saw({"start: connection to the system bus lost, *"}));
+    }
+
     Journal journal;
     SilentBus bus;
     Daemon daemon{bus.address};
-    std::ofstream(daemon.configuration) << "{}";
-    daemon.start();
-    ASSERT_TRUE(journal.saw({"start: started, *"}));
-    const char* member = "signalProxyListenTimeout";
-    bus.signal(":1.5", member, 1);
-    bus.signal(":1.6", member, 2);
-    bus.signal(":1.5", member, 3);
+};
+
+TEST_F(SenderAccountLookUp, HoldsUpNeitherKnownSendersNorTheStop) {
+    signal(":1.5", 1);
+    signal(":1.6", 2);
+    signal(":1.5", 3);
     bus.tell(":1.6", 0);
-    bus.signal(":1.6", member, 4);
-    EXPECT_TRUE(journal.saw({"*: set timeout: 2", "*: set timeout: 4"}));
+    signal(":1.6", 4);
+    EXPECT_TRUE(heard(2) && heard(4));
     EXPECT_EQ(journal.count("*: set timeout: *"), 2u) << "only of the known sender";
     bus.tell(":1.5", 0);
     EXPECT_TRUE(journal.saw({"*: set timeout: 1", "*: set timeout: 3"}));
 
-    bus.signal(":1.7", member, 5);
+    signal(":1.7", 5);
     bus.tell(":1.7", 65534);
     bus.tell("net.qarel.vorl", 65533);
-    EXPECT_TRUE(journal.saw({"*account not allowed: *, sender: :1.7, uid: 65534"}));
+    EXPECT_TRUE(refused(":1.7, uid: 65534"));
     for (uint32_t i = 0; i <= 1000; ++i) // as many as are held, and one
-        bus.signal(":1.8", member, 6);
+        signal(":1.8", 6);
     EXPECT_TRUE(journal.saw({"*too many*, sender: :1.8"}));
+    signal(":1.9", 7);
+    bus.tell(":1.9", 0);
+    EXPECT_TRUE(heard(7)) << "held beside those of another sender";
     daemon.process->signal(SIGTERM);
     EXPECT_EQ(daemon.process->wait(), 0);
-    EXPECT_EQ(journal.count("*: set timeout: *"), 4u);
+    EXPECT_EQ(journal.count("*: set timeout: *"), 5u);
     EXPECT_EQ(journal.count("SignalFilter: *"), 2u);
 }
 
-TEST(SenderAccountLookUp, TheLossOfEitherConnectionEndsTheDaemon) {
-    for (const size_t lost : {0, 1}) {
-        Journal journal;
-        SilentBus bus;
-        Daemon daemon{bus.address};
-        std::ofstream(daemon.configuration) << "{}";
-        daemon.start();
-        ASSERT_TRUE(journal.saw({"start: started, *"}));
-        bus.drop(lost);
-        ASSERT_EQ(daemon.process->wait(), 0) << lost;
-        EXPECT_TRUE(journal.saw({"start: connection to the system bus lost, *"}));
-    }
+TEST_F(SenderAccountLookUp, FollowsTheOwnersOfNamesThatTheBusTellsOf) {
+    const char *theBus = DBUS_SERVICE_DBUS, *service = "net.qarel.vorl";
+    bus.ownerChanged(":1.5", service, ":1.5"); // forged
+    signal(":1.5", 1);
+    bus.tell(":1.5", 65534);
+    bus.tell(service, 65533);
+    EXPECT_TRUE(refused(":1.5, uid: 65534"));
+    bus.ownerChanged(theBus, ":1.6", ":1.6"); // both are asked for before they send
+    bus.ownerChanged(theBus, service, ":1.7");
+    bus.tell(":1.6", 65532);
+    bus.tell(":1.7", 65532);
+    signal(":1.6", 2);
+    EXPECT_TRUE(heard(2));
+    bus.ownerChanged(theBus, service, ":1.8");
+    signal(":1.6", 3); // is held until the owner's account is known, or there is no owner
+    bus.ownerChanged(theBus, service, "");
+    EXPECT_TRUE(refused(":1.6, uid: 65532"));
+    bus.ownerChanged(theBus, ":1.6", ""); // has left, and is asked for again
+    signal(":1.6", 4);
+    bus.tell(":1.6", 0);
+    EXPECT_TRUE(heard(4));
+    signal(":1.9", 5);
+    bus.ownerChanged(theBus, ":1.9", ""); // leaves before its account is known
+    bus.tell(":1.9", 0);
+    EXPECT_TRUE(heard(5));
+    signal(":1.9", 6);
+    bus.tell(":1.9", 0);
+    EXPECT_TRUE(heard(6));
+}
+
+TEST_F(SenderAccountLookUp, TheLossOfItsConnectionEndsTheDaemon) {
+    expectEndAfterLossOf(1);
+}
+
+TEST_F(SenderAccountLookUp, TheLossOfTheSignalsConnectionEndsTheDaemon) {
+    expectEndAfterLossOf(0);
 }
 
 } // namespace VorlTest

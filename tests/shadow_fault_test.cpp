@@ -1,7 +1,10 @@
 #include "fixtures/daemon_test.h"
 
+#include <linux/sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 
 namespace VorlTest {
 
@@ -16,6 +19,22 @@ protected:
             std::this_thread::sleep_for(100ms);
             return now > 0 && now == before;
         }));
+    }
+
+    // Starts a process with that number, once it is free.
+    static pid_t startWithNumber(pid_t number) {
+        clone_args how{};
+        how.exit_signal = SIGCHLD;
+        how.set_tid = reinterpret_cast<uintptr_t>(&number);
+        how.set_tid_size = 1;
+        long result = -1;
+        EXPECT_TRUE(eventually([&] {
+            result = syscall(SYS_clone3, &how, sizeof(how));
+            if (result == 0)
+                pause();
+            return result > 0;
+        }));
+        return number;
     }
 };
 
@@ -78,9 +97,26 @@ TEST_F(ShadowFault, OneThatEndsByItselfIsNotSignalled) {
     start(stub("exit"));
     const std::string before = daemon.resources();
     allow();
-    EXPECT_TRUE(ends(connectTo(port)));
+    const FileDescriptor client = connectTo(port);
+    EXPECT_TRUE(journal.saw({"asyncWaitPid: added task, pid: *"}));
+    const pid_t number = journal.number("asyncWaitPid: added task, *");
+    const pid_t successor = hasAllAccounts() ? startWithNumber(number) : 0; // needs root
+    EXPECT_TRUE(ends(client));
     EXPECT_TRUE(journal.saw({"actionCreateTransport: child ended, pid: *, exit code: 3"}));
-    configure(stub("hangup"));
+    if (successor > 0) {
+        int status = 0;
+        kill(successor, SIGKILL);
+        waitpid(successor, &status, 0);
+        EXPECT_EQ(WTERMSIG(status), SIGKILL) << "it was signalled under its number";
+    }
+    stop();
+    start(stub("bound"));
+    allow();
+    const FileDescriptor next = connectTo(port);
+    EXPECT_TRUE(journal.saw({"unixConnect: connect failed, *", "*: transport not started, *",
+                             "actionCreateTransport: child ended, pid: *, exit code: 4"},
+                            4s))
+        << "before the time for its socket is over";
     stop();
     start(stub("hangup"));
     EXPECT_TRUE(ends(open()));
@@ -105,6 +141,9 @@ TEST_F(ShadowFault, OneThatDoesNotAcceptDoesNotKeepTheDaemonFromStopping) {
 }
 
 TEST_F(ShadowFault, AConnectThatSucceedsLateLeavesNoErrorLine) {
+    start(stub("crowded"));
+    ASSERT_TRUE(echoes(open(6))) << "though the listener's queue is full for a second";
+    stop();
     start(stub("late"));
     ASSERT_TRUE(echoes(open(7))) << "though nobody listens on the socket for a second";
     allow(8);

@@ -70,8 +70,8 @@ void serve(int fd, const std::string& mode) {
         pause();
 }
 
-// Makes a socket whose queue is full, under a name of its own until it is so.
-void listenWithFullQueue(const sockaddr_un& address) {
+// Makes a listener whose queue is full, under a name of its own until it is so.
+int listenWithFullQueue(const sockaddr_un& address) {
     sockaddr_un own = address;
     std::strcat(own.sun_path, "x");
     const auto* name = reinterpret_cast<const sockaddr*>(&own);
@@ -80,7 +80,7 @@ void listenWithFullQueue(const sockaddr_un& address) {
         connect(socket(AF_UNIX, SOCK_STREAM, 0), name, sizeof(own)) != 0 ||
         std::rename(own.sun_path, address.sun_path) != 0)
         abort();
-    pause();
+    return listener;
 }
 
 } // namespace
@@ -106,15 +106,19 @@ int main(int, char** argv) {
             leaving = 1;
             alarm(1);
         });
-    if (mode == "full")
-        listenWithFullQueue(address);
+    if (mode == "full" || mode == "crowded") { // until it takes the one that filled the queue
+        const int listener = listenWithFullQueue(address);
+        mode == "full" ? pause() : static_cast<int>(sleep(1));
+        accept(listener, nullptr, nullptr);
+        serve(accept(listener, nullptr, nullptr), mode);
+    }
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     if (mode == "never" || // no socket; nor where something else is in its place
         bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
         pause();
     else if (mode == "late" || mode == "refuse") // a socket, and no one listens
         sleep(mode == "late" ? 1 : 7);
-    if (mode == "refuse")
+    if (mode == "refuse" || mode == "bound")
         return 4;
     if (listen(listener, 1) == 0 && mode != "hangup")
         serve(accept(listener, nullptr, nullptr), mode);

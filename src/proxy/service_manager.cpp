@@ -8,7 +8,6 @@ namespace Vorl {
 
 void ServiceManager::ready() {
     sd_notify(0, "READY=1");
-    showActivity(0, std::nullopt);
 }
 
 void ServiceManager::stopping() {

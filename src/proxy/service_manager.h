@@ -15,8 +15,7 @@ public:
     void ready();
     /// Reports that the daemon is stopping. Periodic task.
     void stopping();
-    /// Sets the line that `systemctl status` shows. Sent only when it has changed. Called by
-    /// ready(), then by the periodic task.
+    /// Sets the line that `systemctl status` shows. Sent only when it has changed. Periodic task.
     /// @param listeningSession the session that a client is being admitted to, if any
     void showActivity(std::size_t relays, std::optional<std::uint32_t> listeningSession);
 
