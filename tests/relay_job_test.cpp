@@ -280,7 +280,7 @@ TEST(SocketFile, IsRemovedByTheLastThatHasItFromAnyThread) {
     const std::string path = makeDirectory() / "socket";
     const auto hold = [] {
         for (int i = 0; i < 20'000; ++i)
-            const Vorl::SocketFile file("held by nobody else" + std::to_string(i % 7));
+            Vorl::SocketFile("held by nobody else" + std::to_string(i % 7)).remove();
     };
     { const std::jthread first(hold), second(hold); }
     std::ofstream(path) << "";
