@@ -9,6 +9,7 @@
 #include "common/transport_handle.h"
 #include "fixtures/client.h"
 #include "fixtures/daemon.h"
+#include "fixtures/failing_call.h"
 #include "fixtures/journal.h"
 #include "logger"
 
@@ -16,6 +17,7 @@
 
 #include <netinet/tcp.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 namespace VorlTest {
 
@@ -233,6 +235,29 @@ TEST_F(Library, AProgramStartsWithoutSignalsAndDescriptorsOfOurs) {
     EXPECT_EQ(readFile(log), "0\n1\n2\n3\n");
     const ScopedMount noFalse("/bin/false", "/etc/passwd");
     EXPECT_EQ(run("/etc/passwd", {}), 0) << "nothing could be started";
+}
+
+TEST_F(Library, NothingIsStartedWhereASystemCallFails) {
+    const std::string log = makeDirectory() / "log";
+    const auto run = [&] {
+        return Utils::runChildProcessBack("/bin/echo", {"started"}, {}, nullptr, log.c_str());
+    };
+    whileFailing(SYS_close_range, ENOSYS, [&] { EXPECT_NE(run().second.get(), 0); });
+    whileFailing(SYS_clone, EAGAIN, [&] { EXPECT_THROW(run(), vorl_error); });
+    EXPECT_TRUE(journal.saw({"runOwnerCommand: close_range failed, *, code: 38",
+                             "runChildProcess: fork failed, *, code: 11"}));
+    EXPECT_EQ(readFile(log), "");
+}
+
+TEST_F(Library, AConnectIsTriedAgainWhereItsFailureMayPass) {
+    for (const int error :
+         {ECONNREFUSED, EAGAIN, EINTR, EMFILE, ENFILE, ENOBUFS, ENOMEM, EACCES, ENOENT}) {
+        int attempts = 1;
+        whileFailing(SYS_connect, static_cast<unsigned>(error), [&] {
+            EXPECT_LT(Socket::unixConnectWhile("/nowhere", [&] { return ++attempts < 3; }), 0);
+        });
+        EXPECT_EQ(attempts, error == EACCES || error == ENOENT ? 1 : 3) << error;
+    }
 }
 
 TEST_F(Library, SignalsReachAChildAtOnceAndDoNotEndTheWaitForIt) {

@@ -1,4 +1,5 @@
 #include "fixtures/daemon_test.h"
+#include "fixtures/service_manager.h"
 
 #include <random>
 
@@ -57,6 +58,8 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     std::ofstream(home / "passwd")
         << "few:x:" << uid << ":" << uid << "::" << home.string() << ":/bin/sh\n";
     const ScopedMount accounts("/etc/passwd", home / "passwd");
+    ServiceManager manager;
+    daemon.environment.push_back(manager.variable());
     daemon.arguments.insert(daemon.arguments.end(), {"--user", "few"});
     daemon.workDirectory = home / ".vorl";
 #ifndef __SANITIZE_ADDRESS__ // needs a thread itself, at the end
@@ -81,7 +84,11 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
         ASSERT_EQ(change.wait(), 0) << readFile(home / "errors");
     };
     leave(0); // not even for the acceptance task
+    while (!manager.next(MSG_DONTWAIT).empty()) {
+    }
     expectNothing("signalProxyAllowConnection: exception: Resource temporarily *", before);
+    std::this_thread::sleep_for(600ms); // time for another look at the relays
+    EXPECT_EQ(manager.next(MSG_DONTWAIT), "") << "nobody is being admitted";
     leave(1); // nor for the shadow server
     expectNothing("runChildProcess: fork failed, error: Resource temporarily *", before);
     for (const size_t left : {2, 3}) { // its waiter, the relay
