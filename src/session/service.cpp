@@ -209,6 +209,7 @@ std::vector<std::string> Service::daemonProblems() const {
 // The bytes of each client's connection.
 void Service::count() {
     const std::vector<Client> clients = admission.clients();
+    nextCount = Clock::now() + countTime;
     if (clients.empty())
         return;
     try {
@@ -239,7 +240,7 @@ void Service::settle() {
     statusLine = line;
     Time next = std::min(nextLook, admission.nextDeadline());
     if (!admission.clients().empty())
-        next = std::min(next, now + countTime);
+        next = std::min(next, nextCount);
     sd_event_source_set_time(timer, toUsec(next));
     sd_event_source_set_enabled(timer, SD_EVENT_ONESHOT);
 }
