@@ -30,6 +30,13 @@ std::filesystem::path runtimeDirectoryOf(const char* given) {
     return given == nullptr ? "/run/vorl_session" : given;
 }
 
+// Numbers that a previous instance of the service has not used: in hundredths of a second, the
+// clock goes faster than connections come.
+std::uint32_t firstNumber() {
+    const auto time = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint32_t>(time / 10ms);
+}
+
 void require(int result, const char* what) {
     if (result < 0)
         throw std::runtime_error(std::string(what) + ": " + strerror(-result));
@@ -44,9 +51,7 @@ std::uint64_t toUsec(Time time) {
 
 Service::Service(std::filesystem::path file)
     : configurationFile(std::move(file)),
-      runtimeDirectory(runtimeDirectoryOf(getenv("RUNTIME_DIRECTORY"))),
-      // Numbers that a previous instance of the service has not used.
-      admission(static_cast<std::uint32_t>(std::time(nullptr))) {
+      runtimeDirectory(runtimeDirectoryOf(getenv("RUNTIME_DIRECTORY"))), admission(firstNumber()) {
     require(sd_event_default(&loop), "no event loop");
     watch();
     front = std::make_unique<FrontHook>(loop);
