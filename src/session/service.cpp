@@ -76,7 +76,11 @@ int Service::call(sd_event_source*, std::uint64_t, void* service) {
 
 BusHandlers Service::handlers() {
     return {.daemonStarted = [this] { daemonStarted(); },
-            .daemonGone = [this] { admission.daemonChanged(Clock::now()); },
+            .daemonGone =
+                [this] {
+                    portRefused = false;
+                    admission.daemonChanged(Clock::now());
+                },
             .listenStarted =
                 [this](std::uint32_t number, bool opened) {
                     portRefused = !opened;
