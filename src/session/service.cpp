@@ -136,7 +136,6 @@ int Service::run() {
     const int result = sd_event_loop(loop);
     admission.stop(Clock::now());
     settle();
-    bus->flush();
     return result < 0 ? 1 : 0;
 }
 
