@@ -176,7 +176,7 @@ void Service::readConfigurationFiles() {
     admission.setRules(configuration.rules);
     daemonAddress = readDaemonAddress(configuration.daemonConfiguration);
     const bool busy = !socketsOf(daemonAddress).empty();
-    if (busy && !std::exchange(previousInstanceChecked, true)) {
+    if (busy && !previousInstanceChecked) {
         Syslog::warning("%s: vorl_proxy has a port or connections that a previous instance of this "
                         "service let in: all of them are ended, and the port opens anew within "
                         "seconds",
