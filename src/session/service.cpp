@@ -136,7 +136,7 @@ int Service::run() {
     const int result = sd_event_loop(loop);
     admission.stop(Clock::now());
     settle();
-    return result < 0 ? 1 : 0;
+    return result == 0 ? 0 : 1;
 }
 
 void Service::tick() {
