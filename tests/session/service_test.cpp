@@ -5,7 +5,10 @@
 #include "fixtures/service_manager.h"
 #include "fixtures/x_server.h"
 
+#include <set>
+
 #include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
 
 namespace VorlTest {
 
@@ -16,6 +19,7 @@ protected:
     void SetUp() override {
         std::filesystem::create_directories(sessions);
         writeCookie(home / "authority", "0123456789abcdef");
+        writeCookie(home / "another", "fedcba9876543210");
         server.start({"-auth", home / "authority"});
         std::ofstream(daemon.configuration)
             << R"({"listen:addr": "127.0.0.1", "listen:port": )" << port
@@ -74,9 +78,37 @@ protected:
         return readFile(home / "errors");
     }
 
+    // What an account gets that calls a method of the service.
+    std::string call(const std::string& method, const std::vector<std::string>& arguments = {},
+                     const std::string& uid = "0") {
+        std::vector<std::string> command{"/usr/bin/setpriv",     "--reuid=" + uid,
+                                         "/usr/bin/dbus-send",   "--print-reply",
+                                         "--bus=" + bus.address, "--dest=net.qarel.vorl",
+                                         "/net/qarel/vorl",      "net.qarel.vorl." + method};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        Process process(command, {}, home);
+        process.wait();
+        return readFile(home / "output") + readFile(home / "errors");
+    }
+
+    // Tells of the screen of session 3 what logind does.
+    void setLocked(bool locked) {
+        sd_bus* logind = nullptr;
+        sd_bus_new(&logind);
+        sd_bus_set_address(logind, bus.address.c_str());
+        sd_bus_set_bus_client(logind, 1);
+        sd_bus_start(logind);
+        EXPECT_GE(sd_bus_request_name(logind, "org.freedesktop.login1", 0), 0);
+        sd_bus_emit_signal(logind, "/org/freedesktop/login1/session/_33",
+                           "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
+                           "org.freedesktop.login1.Session", 2, "IdleHint", "b", 1, "LockedHint",
+                           "b", locked, 0);
+        sd_bus_flush_close_unref(logind);
+    }
+
     void start() {
         service = run("service", {});
-        ASSERT_TRUE(eventually([this] { return output({"status"}).find("run") == ~0UL; }))
+        ASSERT_TRUE(eventually([this] { return output({"status"}).find("not run") == ~0UL; }))
             << readFile(home / "service/errors");
         daemon.start();
     }
@@ -106,6 +138,8 @@ protected:
 
 TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSession) {
     manager.emplace();
+    configure(R"(, "connection:endonlock": true)");
+    logIn("1", "TYPE=tty\nCLASS=user");
     start();
     EXPECT_TRUE(says("no session can be reached\n  nobody is logged in *Nobody is connected.\n"));
     logIn("3");
@@ -116,41 +150,53 @@ TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSessi
     EXPECT_TRUE(says("root's session 3 can be reached at " + where + "\nNobody is connected.\n"));
     EXPECT_EQ(manager->next(), "READY=1");
 
+    call("proxySessionConnected", {"uint32:1", "uint32:4194305", "string:192.0.2.1"}); // has gone
+    EXPECT_TRUE(says("*Nobody is connected.\n"));
+    server.start({"-auth", home / "another"}); // since the service looked
     Vorl::FileDescriptor client = connectAndSee();
     EXPECT_TRUE(journal.saw({"signalProxyAllowConnection: session id: *, timeout: 86400",
-                             "127.0.0.5 sees root's session 3"}));
+                             "127.0.0.5 sees root's session 3"},
+                            2s));
     EXPECT_TRUE(says("*Connected:\n  127.0.0.5:* at root's session 3 since *, sees the picture\n"));
     const std::string sam = readFile(daemon.workDirectory / "rdp_transport_0_0.log");
     EXPECT_NE(sam.find("+sec-nla, /sam-file:"), std::string::npos) << sam;
     EXPECT_NE(sam.find("-sec-tls, +auth"), std::string::npos) << sam;
     EXPECT_NE(sam.find("XAUTHORITY=" + (home / "authority-5").string()), std::string::npos) << sam;
-    EXPECT_NE(readFile(home / "authority-5").find("0123456789abcdef"), std::string::npos);
+    EXPECT_NE(readFile(home / "authority-5").find("fedcba9876543210"), std::string::npos);
 
-    const Vorl::FileDescriptor silent = connectTo(port); // takes nobody's place
-    EXPECT_TRUE(says("*, sees the picture\n*, does not see the picture\n"));
+    std::array<Vorl::FileDescriptor, 3> silent; // they take nobody's place
+    for (Vorl::FileDescriptor& stranger : silent) {
+        stranger = connectTo(port);
+        EXPECT_TRUE(says("*, sees the picture\n*, does not see the picture\n"));
+    }
+    setLocked(false);
     const Vorl::FileDescriptor second = connectAndSee(); // takes its place
     EXPECT_TRUE(ends(client) || echoes(client));
     EXPECT_TRUE(journal.saw({"127.0.0.5 no longer sees root's session 3 after * s: another client "
                              "has taken its place"}));
     EXPECT_EQ(output({"password", "--remove", "root"}), "");
     EXPECT_TRUE(says("*root has no password*127.0.0.5*127.0.0.5*"));
-    const std::string status = "STATUS=no session can be reached; connections: 2";
+    const std::string status = "STATUS=no session can be reached; connections: 4";
     EXPECT_TRUE(eventually([&] { return manager->next(MSG_DONTWAIT) == status; }));
     std::filesystem::remove(sessions / "3");
+    EXPECT_TRUE(journal.saw({"vorl_session: nobody is logged in *"}, 2s)); // at once
     for (const char* message : {"127.0.0.5 no longer sees *: the session has ended",
                                 "127.0.0.5 never saw root's session 3, gone after * s: the *"})
         EXPECT_TRUE(journal.saw({"*: another client has taken its place", message}));
     EXPECT_TRUE(eventually([&] { return !connectTo(port, 0ms); })) << "the port is open";
 
+    std::set<std::string> unshown;
     for (Journal::Record& record : journal.records()) {
-        if (!record["MESSAGE"].ends_with("taken its place"))
-            continue;
-        EXPECT_EQ(record["VORL_SESSION"] + " " + record["VORL_USER"] + " " + record["VORL_ADDRESS"],
-                  "3 root 127.0.0.5");
-        EXPECT_GE(std::stoul(record["VORL_SENT"]), 12'000U);
-        EXPECT_GE(std::stoul(record["VORL_RECEIVED"]), 12'000U);
-        EXPECT_EQ(record["MESSAGE_ID"].size(), 32U);
+        if (record["MESSAGE"].ends_with("taken its place")) {
+            EXPECT_EQ(record["VORL_PORT"], std::to_string(portOf(client)));
+            EXPECT_GE(std::stoul(record["VORL_SENT"]), 12'000U);
+            EXPECT_GE(std::stoul(record["VORL_RECEIVED"]), 12'000U);
+        } else if (record["MESSAGE"].starts_with("127.0.0.5 never saw")) {
+            unshown.insert(record["VORL_PORT"]);
+        }
     }
+    for (const Vorl::FileDescriptor& stranger : silent)
+        EXPECT_TRUE(unshown.contains(std::to_string(portOf(stranger))));
 }
 
 TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
@@ -158,6 +204,7 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
     listen(another.get(), 1);
     logIn("3");
     setPassword();
+    configure(R"(, "connection:polcy": "multiallow")");
     start();
     const auto mended = [&] { return says("root's session 3 can be reached at " + where + "\n*"); };
     const auto isClosed = [&](const std::string& why) {
@@ -167,13 +214,20 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
                              : testing::AssertionFailure() << "the port is open")
                       : result;
     };
-    EXPECT_TRUE(mended());
-    EXPECT_EQ(journal.count("*previous instance*"), 0U);
-    configure(R"(, "connection:polcy": "multiallow")");
     EXPECT_TRUE(isClosed("unknown key \"connection:polcy\""));
+    EXPECT_TRUE(journal.saw({"start: started, *"}));
+    Vorl::FileDescriptor foreign = boundSocket("127.0.0.1", port);
+    listen(foreign.get(), 1);
     configure("");
+    EXPECT_TRUE(says("*vorl_proxy cannot open " + where + ": is the port in use? (ss -ltnp)\n*"));
+    EXPECT_EQ(journal.count("*previous instance*"), 0U);
+    foreign.reset();
+    daemon.process->signal(SIGKILL);
+    EXPECT_TRUE(says("*vorl_proxy does not answer: systemctl start vorl_proxy\n*"));
+    daemon.start();
     EXPECT_TRUE(mended());
     std::filesystem::permissions(home / "passwd", std::filesystem::perms(0644));
+    EXPECT_TRUE(journal.saw({"vorl_session: *chmod 600*"})); // nobody has asked for the status
     EXPECT_TRUE(isClosed("chmod 600"));
     std::filesystem::permissions(home / "passwd", std::filesystem::perms(0600));
     EXPECT_TRUE(mended());
@@ -189,25 +243,22 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
     EXPECT_TRUE(isClosed("nobody is logged in"));
     logIn("3");
     EXPECT_TRUE(mended());
-    daemon.process->signal(SIGKILL);
-    EXPECT_TRUE(says("*vorl_proxy does not answer: systemctl start vorl_proxy\n*"));
-    daemon.start();
-    EXPECT_TRUE(eventually([&] { return connectTo(port, 0ms).get() >= 0; }));
 
-    const auto rival = run("another", {});
+    const auto rival = run("rival", {});
     EXPECT_EQ(rival->wait(), 1);
-    EXPECT_NE(readFile(home / "another/errors").find("another session service owns"),
+    EXPECT_NE(readFile(home / "rival/errors").find("another session service owns"),
               std::string::npos);
     service->signal(SIGTERM);
     EXPECT_EQ(service->wait(), 0);
-    EXPECT_TRUE(isClosed("") || says("vorl_session: vorl_session does not run: *"));
+    EXPECT_TRUE(says("vorl_session: vorl_session does not run: *"));
 }
 
 TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     const std::filesystem::path hook = home / "hook", told = home / "told";
     std::ofstream(hook) << "#!/bin/sh\necho \"$1 $VORL_USER $VORL_ADDRESS:$VORL_PORT"
                            " $VORL_TICKET.\" >>"
-                        << told << "\n[ \"$1\" != taken ]\n";
+                        << told
+                        << "\n[ -e hang ] && rm hang && exec sleep 60\n[ \"$1\" != taken ]\n";
     std::filesystem::permissions(hook, std::filesystem::perms(0700));
     configure(
         R"(, "connection:policy": "authlock", "front:address": "rdp.example", "front:hook": ")" +
@@ -220,6 +271,10 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     };
     EXPECT_TRUE(isTold("open root " + where + " .\n"));
     EXPECT_TRUE(isTold("repeat root " + where + " .\n"));
+    std::filesystem::permissions(hook, std::filesystem::perms(0600));
+    output({"ticket", "root"});
+    EXPECT_TRUE(journal.saw({"FrontHook: *hook cannot be run: Permission denied"}));
+    std::filesystem::permissions(hook, std::filesystem::perms(0700));
     const std::string line = output({"ticket", "root"}), rdp = output({"ticket", "--rdp", "root"});
     const std::string start =
         "xfreerdp /v:rdp.example /u:root '/load-balance-info:Cookie: mstshash=";
@@ -231,13 +286,25 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     EXPECT_EQ(rdp.find(token), std::string::npos);
     EXPECT_TRUE(isTold("ticket root " + where + " " + token + ".\n"));
     EXPECT_NE(output({"ticket", "nobody"}).find("no password"), std::string::npos);
-    const Vorl::FileDescriptor client = connectAndSee();
+    for (const char* method : {"session.Status", "session.Ticket"})
+        EXPECT_TRUE(!hasAllAccounts() ||
+                    call(method, {"string:root"}, "65534").find("AccessDenied") != ~0UL);
+    EXPECT_NE(call("vorlSessionInfoJson", {"uint32:1"}).find("has ended"), std::string::npos);
+    EXPECT_NE(call("proxyClientConnected", {"uint32:1", "string:192.0.2.1"}).find("not admitted"),
+              std::string::npos);
+    Vorl::FileDescriptor client = connectAndSee();
     EXPECT_TRUE(isTold("taken root " + where + " .\n"));
     EXPECT_TRUE(journal.saw({"FrontHook: * taken failed, status: 1"}));
-    EXPECT_TRUE(isTold("ticket-end root " + where + " " + token + ".\n"));
+    const std::string end = "ticket-end root " + where + " " + token + ".\n";
+    EXPECT_TRUE(isTold(end));
     EXPECT_TRUE(says("*, but not by others while somebody is connected\n*"));
+    EXPECT_EQ(readFile(told).find(end), readFile(told).rfind(end)); // told once
+    std::filesystem::remove(told);
+    std::ofstream(home / "service/hang") << "";
+    client.reset();
+    EXPECT_TRUE(isTold("open root " + where + " .\n"));
     std::filesystem::remove(sessions / "3");
-    EXPECT_TRUE(isTold("closed root " + where + " .\n"));
+    EXPECT_TRUE(isTold("closed root " + where + " .\n")); // when the time for the one before is up
 }
 
 TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
@@ -249,10 +316,13 @@ TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
     service->signal(SIGKILL);
     service->wait();
     EXPECT_TRUE(echoes(client));
+    const auto start = std::chrono::steady_clock::now();
     service = run("service", {});
     EXPECT_TRUE(journal.saw({"vorl_session: vorl_proxy has a port or connections that a previous "
                              "instance of this service let in: *",
                              "signalVorlStopped, pid: *"}));
+    // The daemon of a service that has been stopped needs some time to close its port.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
     EXPECT_EQ(daemon.process->wait(), 0);
     EXPECT_TRUE(ends(client));
     daemon.start(); // as systemd does
@@ -262,6 +332,36 @@ TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
     EXPECT_EQ(service->wait(), 0);
     EXPECT_TRUE(ends(next));
     EXPECT_TRUE(eventually([&] { return !connectTo(port, 0ms); })) << "the port is open";
+    service = run("service", {});
+    const Vorl::FileDescriptor last = connectAndSee();
+    EXPECT_TRUE(says("*, sees the picture\n"));
+    EXPECT_EQ(journal.count("*previous instance*"), 1U); // of the one that was killed
+    std::set<std::string> numbers; // of three connections, no two of which have the same one
+    for (Journal::Record& record : journal.records())
+        if (record["MESSAGE"].starts_with("requestRdpTransport"))
+            numbers.insert(record["MESSAGE"]);
+    EXPECT_EQ(numbers.size(), 3U);
+    bus.daemon.signal(SIGKILL);
+    EXPECT_EQ(service->wait(), 1);
+}
+
+TEST_F(SessionServiceTest, TheForegroundHasThePortAndALockEndsConnectionsWhereThatIsTold) {
+    logIn("3");
+    setPassword();
+    start();
+    const Vorl::FileDescriptor client = connectAndSee();
+    logIn("4");
+    EXPECT_TRUE(says("root's session 3 can be reached*\n  root's session 4 has to wait: *"));
+    logIn("3", "TYPE=x11\nCLASS=user\nSTATE=online");
+    EXPECT_TRUE(says("root's session 4 can be reached*\n  root's session 3 has to wait: *"));
+    setLocked(true);
+    EXPECT_TRUE(says("*root's session 3 since *, sees the picture\n"));
+    configure(R"(, "connection:endonlock": true)");
+    EXPECT_TRUE(says("*root's session 3 since *, sees the picture\n"));
+    EXPECT_TRUE(echoes(client));
+    setLocked(true);
+    EXPECT_TRUE(ends(client));
+    EXPECT_TRUE(journal.saw({"127.0.0.5 no longer sees root's session 3 after * s: the screen *"}));
 }
 
 } // namespace VorlTest
