@@ -327,10 +327,9 @@ TEST_F(SessionAdmission, ATicketIsForOneUserOnceAndForFiveMinutes) {
                       second = tickets.make("bob", now + 1s).token;
     EXPECT_TRUE(tickets.takeExpired(now + 299s).empty());
     EXPECT_EQ(tickets.takeExpired(now + 300s).at(0).token, first);
-    (void)tickets.make("alice", now);
+    EXPECT_TRUE(tickets.takeUsed("alice").empty());
     EXPECT_EQ(tickets.takeUsed("bob").at(0).token, second);
     EXPECT_TRUE(tickets.takeUsed("bob").empty());
-    EXPECT_EQ(tickets.takeUsed("alice").size(), 1U);
 }
 
 } // namespace VorlTest

@@ -43,20 +43,24 @@ protected:
         std::filesystem::rename("/run/systemd/new", sessions / id);
     }
 
-    std::unique_ptr<Process> run(const std::string& directory,
-                                 const std::vector<std::string>& words) {
-        std::vector<std::string> command{VORL_SESSION, "--config", home / "session.json"};
-        command.insert(command.end(), words.begin(), words.end());
-        std::filesystem::create_directory(home / directory);
-        return std::make_unique<Process>(command, environment(), home / directory);
+    std::vector<std::string> command(const std::vector<std::string>& words) const {
+        std::vector<std::string> result{VORL_SESSION, "--config", home / "session.json"};
+        result.insert(result.end(), words.begin(), words.end());
+        return result;
     }
 
-    // What a command prints.
-    std::string output(const std::vector<std::string>& words) {
-        const auto process = run("command", words);
-        process->wait();
-        return readFile(home / "command/output") + readFile(home / "command/errors");
+    std::unique_ptr<Process> run(const std::string& directory) {
+        std::filesystem::create_directory(home / directory);
+        return std::make_unique<Process>(command({}), environment(), home / directory);
     }
+
+    std::string printed(const std::vector<std::string>& words) {
+        Process process(words, environment(), home);
+        process.wait();
+        return readFile(home / "output") + readFile(home / "errors");
+    }
+
+    std::string output(const std::vector<std::string>& words) { return printed(command(words)); }
 
     testing::AssertionResult says(const std::string& pattern) {
         std::string text;
@@ -70,25 +74,16 @@ protected:
 
     // What the command prints when it gets that input.
     std::string setPassword(const std::string& input = "secret", const std::string& user = "root") {
-        Process process({"/bin/sh", "-c",
-                         "printf '" + input + "' | " VORL_SESSION " --config '" +
-                             (home / "session.json").string() + "' password " + user},
-                        environment(), home);
-        process.wait();
-        return readFile(home / "errors");
+        return printed({"/bin/sh", "-c",
+                        "printf '" + input + "' | " VORL_SESSION " --config '" +
+                            (home / "session.json").string() + "' password " + user});
     }
 
-    // What an account gets that calls a method of the service.
-    std::string call(const std::string& method, const std::vector<std::string>& arguments = {},
-                     const std::string& uid = "0") {
-        std::vector<std::string> command{"/usr/bin/setpriv",     "--reuid=" + uid,
-                                         "/usr/bin/dbus-send",   "--print-reply",
-                                         "--bus=" + bus.address, "--dest=net.qarel.vorl",
-                                         "/net/qarel/vorl",      "net.qarel.vorl." + method};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        Process process(command, {}, home);
-        process.wait();
-        return readFile(home / "output") + readFile(home / "errors");
+    // What an account gets for a call of the service, told to dbus-send.
+    std::string call(const std::string& method, const std::string& uid = "0") {
+        return printed({"/bin/sh", "-c",
+                        "setpriv --reuid=" + uid + " dbus-send --print-reply --bus=" + bus.address +
+                            " --dest=net.qarel.vorl /net/qarel/vorl net.qarel.vorl." + method});
     }
 
     // Tells of the screen of session 3 what logind does.
@@ -107,7 +102,7 @@ protected:
     }
 
     void start() {
-        service = run("service", {});
+        service = run("service");
         ASSERT_TRUE(eventually([this] { return output({"status"}).find("not run") == ~0UL; }))
             << readFile(home / "service/errors");
         daemon.start();
@@ -147,11 +142,10 @@ TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSessi
     EXPECT_NE(setPassword("").find("no password was given"), std::string::npos);
     EXPECT_NE(setPassword("secret", "nobody-known").find("there is no account"), std::string::npos);
     EXPECT_EQ(setPassword(), "");
+    call("proxySessionConnected uint32:1 uint32:4194305 string:192.0.2.1"); // has gone already
     EXPECT_TRUE(says("root's session 3 can be reached at " + where + "\nNobody is connected.\n"));
     EXPECT_EQ(manager->next(), "READY=1");
 
-    call("proxySessionConnected", {"uint32:1", "uint32:4194305", "string:192.0.2.1"}); // has gone
-    EXPECT_TRUE(says("*Nobody is connected.\n"));
     server.start({"-auth", home / "another"}); // since the service looked
     Vorl::FileDescriptor client = connectAndSee();
     EXPECT_TRUE(journal.saw({"signalProxyAllowConnection: session id: *, timeout: 86400",
@@ -186,15 +180,9 @@ TEST_F(SessionServiceTest, TheRoadFromAPasswordToThePictureAndToTheEndOfTheSessi
     EXPECT_TRUE(eventually([&] { return !connectTo(port, 0ms); })) << "the port is open";
 
     std::set<std::string> unshown;
-    for (Journal::Record& record : journal.records()) {
-        if (record["MESSAGE"].ends_with("taken its place")) {
-            EXPECT_EQ(record["VORL_PORT"], std::to_string(portOf(client)));
-            EXPECT_GE(std::stoul(record["VORL_SENT"]), 12'000U);
-            EXPECT_GE(std::stoul(record["VORL_RECEIVED"]), 12'000U);
-        } else if (record["MESSAGE"].starts_with("127.0.0.5 never saw")) {
+    for (Journal::Record& record : journal.records())
+        if (record["MESSAGE"].starts_with("127.0.0.5 never saw"))
             unshown.insert(record["VORL_PORT"]);
-        }
-    }
     for (const Vorl::FileDescriptor& stranger : silent)
         EXPECT_TRUE(unshown.contains(std::to_string(portOf(stranger))));
 }
@@ -209,10 +197,8 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
     const auto mended = [&] { return says("root's session 3 can be reached at " + where + "\n*"); };
     const auto isClosed = [&](const std::string& why) {
         const auto result = says("no session can be reached\n*" + why + "*");
-        return result ? (eventually([&] { return !connectTo(port, 0ms); })
-                             ? result
-                             : testing::AssertionFailure() << "the port is open")
-                      : result;
+        EXPECT_TRUE(eventually([&] { return !connectTo(port, 0ms); })) << "the port is open";
+        return result;
     };
     EXPECT_TRUE(isClosed("unknown key \"connection:polcy\""));
     EXPECT_TRUE(journal.saw({"start: started, *"}));
@@ -244,7 +230,7 @@ TEST_F(SessionServiceTest, WhatIsWrongClosesThePortUntilItIsMended) {
     logIn("3");
     EXPECT_TRUE(mended());
 
-    const auto rival = run("rival", {});
+    const auto rival = run("rival");
     EXPECT_EQ(rival->wait(), 1);
     EXPECT_NE(readFile(home / "rival/errors").find("another session service owns"),
               std::string::npos);
@@ -286,12 +272,11 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     EXPECT_EQ(rdp.find(token), std::string::npos);
     EXPECT_TRUE(isTold("ticket root " + where + " " + token + ".\n"));
     EXPECT_NE(output({"ticket", "nobody"}).find("no password"), std::string::npos);
-    for (const char* method : {"session.Status", "session.Ticket"})
-        EXPECT_TRUE(!hasAllAccounts() ||
-                    call(method, {"string:root"}, "65534").find("AccessDenied") != ~0UL);
-    EXPECT_NE(call("vorlSessionInfoJson", {"uint32:1"}).find("has ended"), std::string::npos);
-    EXPECT_NE(call("proxyClientConnected", {"uint32:1", "string:192.0.2.1"}).find("not admitted"),
-              std::string::npos);
+    for (const char* method : {"session.Status", "session.Ticket string:root"})
+        EXPECT_TRUE(!hasAllAccounts() || call(method, "65534").find("AccessDenied") != ~0UL);
+    EXPECT_NE(call("vorlSessionInfoJson uint32:1").find("has ended"), std::string::npos);
+    const std::string reply = call("proxyClientConnected uint32:1 string:192.0.2.1");
+    EXPECT_NE(reply.find("not admitted"), std::string::npos) << reply;
     Vorl::FileDescriptor client = connectAndSee();
     EXPECT_TRUE(isTold("taken root " + where + " .\n"));
     EXPECT_TRUE(journal.saw({"FrontHook: * taken failed, status: 1"}));
@@ -317,7 +302,7 @@ TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
     service->wait();
     EXPECT_TRUE(echoes(client));
     const auto start = std::chrono::steady_clock::now();
-    service = run("service", {});
+    service = run("service");
     EXPECT_TRUE(journal.saw({"vorl_session: vorl_proxy has a port or connections that a previous "
                              "instance of this service let in: *",
                              "signalVorlStopped, pid: *"}));
@@ -332,7 +317,7 @@ TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
     EXPECT_EQ(service->wait(), 0);
     EXPECT_TRUE(ends(next));
     EXPECT_TRUE(eventually([&] { return !connectTo(port, 0ms); })) << "the port is open";
-    service = run("service", {});
+    service = run("service");
     const Vorl::FileDescriptor last = connectAndSee();
     EXPECT_TRUE(says("*, sees the picture\n"));
     EXPECT_EQ(journal.count("*previous instance*"), 1U); // of the one that was killed
@@ -354,9 +339,7 @@ TEST_F(SessionServiceTest, TheForegroundHasThePortAndALockEndsConnectionsWhereTh
     EXPECT_TRUE(says("root's session 3 can be reached*\n  root's session 4 has to wait: *"));
     logIn("3", "TYPE=x11\nCLASS=user\nSTATE=online");
     EXPECT_TRUE(says("root's session 4 can be reached*\n  root's session 3 has to wait: *"));
-    setLocked(true);
-    EXPECT_TRUE(says("*root's session 3 since *, sees the picture\n"));
-    configure(R"(, "connection:endonlock": true)");
+    configure(R"(, "connection:endonlock": true)"); // takes effect for connections that there are
     EXPECT_TRUE(says("*root's session 3 since *, sees the picture\n"));
     EXPECT_TRUE(echoes(client));
     setLocked(true);
