@@ -3,8 +3,6 @@
 #include "session/audit.h"
 #include "session/tickets.h"
 
-#include <set>
-
 #include <gtest/gtest.h>
 
 namespace VorlTest {
@@ -304,21 +302,20 @@ TEST_F(SessionAdmission, TheJournalHasWhoseConnectionItWasAndWhyItEnded) {
         audit({what, client}, now);
     program_invocation_short_name = own;
     std::string messages;
-    std::set<std::string> ids;
     for (Journal::Record& record : journal.records()) {
-        messages += record["PRIORITY"] + " " + record["MESSAGE"] + "\n";
-        ids.insert(record["MESSAGE_ID"]);
+        messages += record["PRIORITY"] + " " + record["MESSAGE_ID"].substr(0, 4) + " " +
+                    record["MESSAGE"] + "\n";
         std::string facts;
         for (const char* field :
              {"SESSION", "USER", "ADDRESS", "PORT", "PID", "SECONDS", "SENT", "RECEIVED", "REASON"})
             facts += record[std::string("VORL_") + field] + " ";
         EXPECT_EQ(facts, "3 alice 192.0.2.1 4000 1000 65 6301 5053 lost ");
     }
-    EXPECT_EQ(messages, "5 192.0.2.1 sees alice's session 3\n"
-                        "5 192.0.2.1 no longer sees alice's session 3 after 65 s: lost\n"
-                        "4 192.0.2.1 never saw alice's session 3, gone after 65 s: lost\n"
-                        "4 192.0.2.1 was turned away from alice's session 3: failed too often\n");
-    EXPECT_EQ(ids.size(), 3U); // both of the last are of clients that never saw it
+    EXPECT_EQ(messages,
+              "5 2f8a 192.0.2.1 sees alice's session 3\n"
+              "5 b0b3 192.0.2.1 no longer sees alice's session 3 after 65 s: lost\n"
+              "4 6c1d 192.0.2.1 never saw alice's session 3, gone after 65 s: lost\n"
+              "4 6c1d 192.0.2.1 was turned away from alice's session 3: failed too often\n");
 }
 
 TEST_F(SessionAdmission, ATicketIsForOneUserOnceAndForFiveMinutes) {
