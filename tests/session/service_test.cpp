@@ -308,8 +308,8 @@ TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
     service = run("service");
     const Vorl::FileDescriptor last = connectAndSee();
     EXPECT_TRUE(says("*, sees the picture\n"));
-    EXPECT_EQ(journal.count("*previous instance*"), 1U);        // of the one that was killed
-    EXPECT_NE(journal.number("requestRdpTransport: *"), first); // each number is used once
+    EXPECT_EQ(journal.count("*previous instance*"), 1U);             // of the one that was killed
+    EXPECT_GT(journal.number("requestRdpTransport: *") - first, 10); // beyond all used before
     bus.daemon.signal(SIGKILL);
     EXPECT_EQ(service->wait(), 1);
 }
