@@ -223,10 +223,6 @@ void BusService::endDaemon() {
     sd_bus_emit_signal(bus, objectPath, daemonInterface, "signalVorlStopped", "");
 }
 
-void BusService::flush() {
-    sd_bus_flush(bus);
-}
-
 std::string BusService::call(const char* method, const std::string& argument) {
     sd_bus* bus = nullptr;
     sd_bus_message* reply = nullptr;

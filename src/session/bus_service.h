@@ -35,6 +35,7 @@ public:
     BusService(sd_event* loop, BusHandlers busHandlers);
     BusService(const BusService&) = delete;
     BusService& operator=(const BusService&) = delete;
+    /// Sends what is left before the connection closes.
     ~BusService();
 
     void allow(std::uint32_t number);
@@ -43,8 +44,6 @@ public:
     void disconnect(std::uint32_t number, std::uint32_t pid, const std::string& address);
     /// Ends the daemon with all that it has; under systemd it comes back.
     void endDaemon();
-    /// Sends what is left before the connection closes.
-    void flush();
 
     /// Calls a method of the commands' interface at the service that runs.
     /// @param argument nothing is sent when it is empty

@@ -30,6 +30,13 @@ std::filesystem::path runtimeDirectoryOf(const char* given) {
     return given == nullptr ? "/run/vorl_session" : given;
 }
 
+// Numbers that a previous instance of the service has not used: in hundredths of a second, the
+// clock goes faster than connections come.
+std::uint32_t firstNumber() {
+    const auto time = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint32_t>(time / 10ms);
+}
+
 void require(int result, const char* what) {
     if (result < 0)
         throw std::runtime_error(std::string(what) + ": " + strerror(-result));
@@ -44,9 +51,7 @@ std::uint64_t toUsec(Time time) {
 
 Service::Service(std::filesystem::path file)
     : configurationFile(std::move(file)),
-      runtimeDirectory(runtimeDirectoryOf(getenv("RUNTIME_DIRECTORY"))),
-      // Numbers that a previous instance of the service has not used.
-      admission(static_cast<std::uint32_t>(std::time(nullptr))) {
+      runtimeDirectory(runtimeDirectoryOf(getenv("RUNTIME_DIRECTORY"))), admission(firstNumber()) {
     require(sd_event_default(&loop), "no event loop");
     watch();
     front = std::make_unique<FrontHook>(loop);
@@ -71,7 +76,11 @@ int Service::call(sd_event_source*, std::uint64_t, void* service) {
 
 BusHandlers Service::handlers() {
     return {.daemonStarted = [this] { daemonStarted(); },
-            .daemonGone = [this] { admission.daemonChanged(Clock::now()); },
+            .daemonGone =
+                [this] {
+                    portRefused = false;
+                    admission.daemonChanged(Clock::now());
+                },
             .listenStarted =
                 [this](std::uint32_t number, bool opened) {
                     portRefused = !opened;
@@ -127,8 +136,7 @@ int Service::run() {
     const int result = sd_event_loop(loop);
     admission.stop(Clock::now());
     settle();
-    bus->flush();
-    return result < 0 ? 1 : 0;
+    return result == 0 ? 0 : 1;
 }
 
 void Service::tick() {
@@ -168,7 +176,7 @@ void Service::readConfigurationFiles() {
     admission.setRules(configuration.rules);
     daemonAddress = readDaemonAddress(configuration.daemonConfiguration);
     const bool busy = !socketsOf(daemonAddress).empty();
-    if (busy && !std::exchange(previousInstanceChecked, true)) {
+    if (busy && !previousInstanceChecked) {
         Syslog::warning("%s: vorl_proxy has a port or connections that a previous instance of this "
                         "service let in: all of them are ended, and the port opens anew within "
                         "seconds",
@@ -209,6 +217,7 @@ std::vector<std::string> Service::daemonProblems() const {
 // The bytes of each client's connection.
 void Service::count() {
     const std::vector<Client> clients = admission.clients();
+    nextCount = Clock::now() + countTime;
     if (clients.empty())
         return;
     try {
@@ -239,7 +248,7 @@ void Service::settle() {
     statusLine = line;
     Time next = std::min(nextLook, admission.nextDeadline());
     if (!admission.clients().empty())
-        next = std::min(next, now + countTime);
+        next = std::min(next, nextCount);
     sd_event_source_set_time(timer, toUsec(next));
     sd_event_source_set_enabled(timer, SD_EVENT_ONESHOT);
 }

@@ -81,6 +81,7 @@ private:
     /// At first late enough for the daemon to have closed the port of a service that has just
     /// stopped.
     Time nextLook = Clock::now() + std::chrono::milliseconds(500);
+    Time nextCount; ///< absolute, so that no amount of other events puts it off
     Time nextRepeat;
 };
 

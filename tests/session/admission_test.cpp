@@ -1,4 +1,7 @@
+#include "fixtures/journal.h"
 #include "session/admission.h"
+#include "session/audit.h"
+#include "session/tickets.h"
 
 #include <gtest/gtest.h>
 
@@ -207,6 +210,10 @@ TEST_F(SessionAdmission, SlowsDownAnAddressThatKeepsFailing) {
     pass(601s);
     fail();
     EXPECT_FALSE(isRefused("192.0.2.1")); // which has been forgotten
+    for (int i = 0; i < 1024; ++i)
+        admission.relayEnded(connect("198.51.100." + std::to_string(i)), now);
+    fail();
+    EXPECT_FALSE(isRefused("192.0.2.1")); // for the sake of so many others
     const auto endTwo = [&](const char* address, Clock::duration after) {
         const std::uint32_t one = connect(address), two = connect(address);
         pass(after);
@@ -282,6 +289,44 @@ TEST_F(SessionAdmission, AClientOnItsWayGetsNothingOfTheNextSession) {
     decided();
     admission.stop(now);
     EXPECT_EQ(decided(), "cancel 12, disconnect 11, ");
+}
+
+TEST_F(SessionAdmission, TheJournalHasWhoseConnectionItWasAndWhyItEnded) {
+    Journal journal;
+    static char name[] = "vorl_session"; // whose fields the journal does not know
+    char* const own = std::exchange(program_invocation_short_name, name);
+    const Client client{7,         "3",  "alice", "192.0.2.1", 4000,   1000,
+                        now - 65s, true, 6301,    5053,        "lost", {}};
+    for (const auto what :
+         {Action::What::Shown, Action::What::Ended, Action::What::Unshown, Action::What::Refused})
+        audit({what, client}, now);
+    program_invocation_short_name = own;
+    std::string messages;
+    for (Journal::Record& record : journal.records()) {
+        messages += record["PRIORITY"] + " " + record["MESSAGE_ID"].substr(0, 4) + " " +
+                    record["MESSAGE"] + "\n";
+        std::string facts;
+        for (const char* field :
+             {"SESSION", "USER", "ADDRESS", "PORT", "PID", "SECONDS", "SENT", "RECEIVED", "REASON"})
+            facts += record[std::string("VORL_") + field] + " ";
+        EXPECT_EQ(facts, "3 alice 192.0.2.1 4000 1000 65 6301 5053 lost ");
+    }
+    EXPECT_EQ(messages,
+              "5 2f8a 192.0.2.1 sees alice's session 3\n"
+              "5 b0b3 192.0.2.1 no longer sees alice's session 3 after 65 s: lost\n"
+              "4 6c1d 192.0.2.1 never saw alice's session 3, gone after 65 s: lost\n"
+              "4 6c1d 192.0.2.1 was turned away from alice's session 3: failed too often\n");
+}
+
+TEST_F(SessionAdmission, ATicketIsForOneUserOnceAndForFiveMinutes) {
+    Tickets tickets;
+    const std::string first = tickets.make("alice", now).token,
+                      second = tickets.make("bob", now + 1s).token;
+    EXPECT_TRUE(tickets.takeExpired(now + 299s).empty());
+    EXPECT_EQ(tickets.takeExpired(now + 300s).at(0).token, first);
+    EXPECT_TRUE(tickets.takeUsed("alice").empty());
+    EXPECT_EQ(tickets.takeUsed("bob").at(0).token, second);
+    EXPECT_TRUE(tickets.takeUsed("bob").empty());
 }
 
 } // namespace VorlTest

@@ -29,6 +29,16 @@ template<typename Call> std::string problemOf(Call call) {
     return "none";
 }
 
+// With a named pipe in that place. No call waits until somebody writes to it.
+template<typename Call> std::string problemOfPipe(const std::filesystem::path& path, Call call) {
+    std::filesystem::remove(path);
+    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    auto problem = std::async(std::launch::async, [&] { return problemOf(call); });
+    EXPECT_EQ(problem.wait_for(5s), std::future_status::ready) << "waits for a writer";
+    const Vorl::FileDescriptor writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    return problem.get();
+}
+
 bool has(const std::string& text, const char* part) {
     return text.find(part) != std::string::npos;
 }
@@ -65,13 +75,7 @@ TEST(SessionFiles, ThePasswordFileIsForItsAccountAlone) {
     std::filesystem::rename(file, file.string() + "2");
     std::filesystem::create_symlink(file.string() + "2", file);
     EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "cannot be read"));
-    std::filesystem::remove(file);
-    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-    auto found =
-        std::async(std::launch::async, [&] { return problemOf([&] { return find("alice"); }); });
-    EXPECT_EQ(found.wait_for(5s), std::future_status::ready) << "waits for a writer";
-    const Vorl::FileDescriptor writer(open(file.c_str(), O_RDWR | O_CLOEXEC));
-    EXPECT_TRUE(has(found.get(), "must be a file"));
+    EXPECT_TRUE(has(problemOfPipe(file, [&] { return find("alice"); }), "must be a file"));
 }
 
 TEST(SessionFiles, NoPasswordIsLostWhenSeveralAreSetOrTheDiskIsFull) {
@@ -127,17 +131,24 @@ TEST(SessionFiles, AConfigurationWithAMistakeIsNotTaken) {
 
 TEST(SessionFiles, TheCookieComesFromTheXServerThatBelongsToTheSession) {
     const std::filesystem::path directory = makeDirectory(), authority = directory / "authority";
-    const LoginSession session{"3", 0, "root", "/root", "x11", ":5", true};
+    LoginSession session{"3", 0, "root", "/root", "x11", ":5", true};
     const auto find = [&] { return findDisplay(session); };
+    XDisplay display;
+    const auto copyOne = [&] {
+        copyCookies(display, session, directory / "copy");
+        return 0;
+    };
     writeCookie(authority, "0123456789abcdef");
     XServer server(5);
     EXPECT_TRUE(has(problemOf(find), "no X server"));
     server.start({"-nolisten", "tcp"});
     EXPECT_TRUE(has(problemOf(find), "without -auth"));
     server.start({"-nolisten", "tcp", "-auth", authority});
-    const XDisplay display = find();
+    display = find();
     EXPECT_EQ(display.authority, authority);
-    copyCookies(display, session, directory / "copy");
+    copyOne();
+    EXPECT_EQ(std::filesystem::status(directory / "copy").permissions(),
+              std::filesystem::perms(0640));
     const std::string copy = readFile(directory / "copy");
     EXPECT_EQ(copy, std::string("\xff\xff\0\0\0\1"
                                 "5"
@@ -145,21 +156,29 @@ TEST(SessionFiles, TheCookieComesFromTheXServerThatBelongsToTheSession) {
                                 "0123456789abcdef",
                                 45));
     std::ofstream(authority) << "root:*:19000:0:99999:7:::";
-    EXPECT_TRUE(has(problemOf([&] {
-                        copyCookies(display, session, directory / "copy");
-                        return 0;
-                    }),
-                    "no cookie"));
+    EXPECT_TRUE(has(problemOf(copyOne), "no cookie"));
+    std::filesystem::rename(authority, directory / "link");
+    std::filesystem::create_symlink(directory / "link", authority);
+    EXPECT_TRUE(has(problemOf(copyOne), "cannot be read")); // a link to anything
+    EXPECT_TRUE(has(problemOfPipe(authority, copyOne), "is not one of root's session 3"));
+    std::filesystem::remove(authority);
     EXPECT_EQ(readFile(directory / "copy"), copy);
+
+    session.display.clear(); // logind does not know it
+    EXPECT_TRUE(has(problemOf(find), "no X display"));
+    {
+        std::ofstream(directory / "cgroup") << "1:name=systemd:/user.slice/session-3.scope\n"
+                                               "0::/user.slice/session-3.scope\n";
+        const ScopedMount member("/proc/" + std::to_string(server.pid()) + "/cgroup",
+                                 directory / "cgroup");
+        EXPECT_EQ(problemOf(find), "none");
+    }
+    session.display = ":5";
     if (!hasAllAccounts())
         GTEST_SKIP() << "the rest needs other accounts";
     writeCookie(authority, "0123456789abcdef");
     ASSERT_EQ(chown(authority.c_str(), 65534, 0), 0);
-    EXPECT_TRUE(has(problemOf([&] {
-                        copyCookies(display, session, directory / "copy");
-                        return 0;
-                    }),
-                    "is not one of root's session 3"));
+    EXPECT_TRUE(has(problemOf(copyOne), "is not one of root's session 3"));
     server.start({"-auth", authority}, 65534);
     EXPECT_TRUE(has(problemOf(find), "belongs to a stranger, uid 65534"));
 }
