@@ -105,12 +105,20 @@ TEST_F(ResourceFault, WithoutSpaceNoSamFileIsHandedOver) {
     create_directory(full);
     ASSERT_EQ(mount("none", full.c_str(), "tmpfs", 0, "size=4k,mode=700"), 0);
     start();
+    const auto expectNoSpace = [&] {
+        allow();
+        EXPECT_TRUE(ends(connectTo(port)));
+        EXPECT_TRUE(
+            journal.saw({"prepareX11RdpArgs: write failed, error: No space left on device, *",
+                         "actionCreateTransport: exception: prepareX11RdpArgs, *"}));
+        EXPECT_FALSE(exists(full / "sam_3_0"));
+        journal.forget();
+    };
+    describe(R"("ntlm": ")" + std::string(5000, 'x') + '"'); // of which there is room for a part
+    expectNoSpace();
+    describe("");
     std::ofstream(full / "filler") << std::string(8192, 'x');
-    allow();
-    EXPECT_TRUE(ends(connectTo(port)));
-    EXPECT_TRUE(journal.saw({"prepareX11RdpArgs: write failed, error: No space left on device, *",
-                             "actionCreateTransport: exception: prepareX11RdpArgs, *"}));
-    EXPECT_FALSE(exists(full / "sam_3_0"));
+    expectNoSpace();
     describe(R"("sec:nla": false, "sec:tls": true)"); // without a SAM file; its log stays empty
     EXPECT_TRUE(echoes(open()));
     describe("");
