@@ -30,7 +30,7 @@ TEST_F(ResourceFault, WithoutDescriptorsItGoesOnOnceThereAreSome) {
     const std::string before = idle();
     rlimit limit{};
     prlimit(daemon.process->pid(), RLIMIT_NOFILE, nullptr, &limit);
-    for (const size_t left : {0, 1, 2}) { // none, the listener's, and the client's
+    for (const size_t left : {0U, 1U, 2U}) { // none, the listener's, and the client's
         limit.rlim_cur = daemon.descriptors() + left;
         ASSERT_EQ(prlimit(daemon.process->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
         if (left < 2)
@@ -91,7 +91,7 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
     EXPECT_EQ(manager.next(MSG_DONTWAIT), "") << "nobody is being admitted";
     leave(1); // nor for the shadow server
     expectNothing("runChildProcess: fork failed, error: Resource temporarily *", before);
-    for (const size_t left : {2, 3}) { // its waiter, the relay
+    for (const size_t left : {2U, 3U}) { // its waiter, the relay
         leave(left);
         expectNothing("*: system error: Resource temporarily *", before);
         EXPECT_TRUE(journal.saw({"*: child ended, pid: *, killed by signal: 15"}));

@@ -73,7 +73,7 @@ TEST_F(ShadowFault, OneThatDoesNotEndIsKilledAfterAGrace) {
     allow(5, 5);
     clients.push_back(connectTo(port));
     EXPECT_TRUE(eventually([&] { return service.count("proxySessionConnected 5 *") > 0; }));
-    for (const uint32_t session : {1, 2}) { // two that are disconnected, and two that leave
+    for (const uint32_t session : {1U, 2U}) { // two that are disconnected, and two that leave
         service->signalSessionDisconnected(session, pids[session - 1], "");
         clients[session + 1].reset();
     }

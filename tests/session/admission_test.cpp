@@ -30,9 +30,11 @@ protected:
                                             "disconnect", "shown",  "ended", "unshown", "refused"};
         std::string text;
         collect();
-        for (const Action& action : std::exchange(actions, {}))
+        for (const Action& action : std::exchange(actions, {})) {
             text += names[static_cast<int>(action.what)] + std::string(" ") +
                     std::to_string(action.client.number) + ", ";
+            reason = action.client.end.empty() ? reason : action.client.end;
+        }
         return text;
     }
 
@@ -77,6 +79,7 @@ protected:
     Time now{1000s};
     std::uint32_t allowed = 0; // the newest allowance
     std::vector<Action> actions;
+    std::string reason; // of the latest decision that has one
     Admission admission{7};
 };
 
@@ -167,6 +170,7 @@ TEST_F(SessionAdmission, AClientThatDoesNotLogInGoesAfterHalfAMinute) {
     EXPECT_EQ(decided(), "");
     pass(1ms);
     EXPECT_EQ(decided(), "disconnect 7, ");
+    EXPECT_EQ(reason, "it did not log in within 30 seconds");
     pass(2s);
     EXPECT_EQ(decided(), "disconnect 7, "); // it may have been lost
     EXPECT_EQ(admission.nextDeadline(), now + 2s);
@@ -283,6 +287,7 @@ TEST_F(SessionAdmission, AClientOnItsWayGetsNothingOfTheNextSession) {
     decided();
     admission.daemonChanged(now);
     EXPECT_EQ(decided(), "unshown 10, allow 11, ");
+    EXPECT_EQ(reason, "vorl_proxy has ended");
     admission.relayStarted(99, 1000, now); // of no client that we know
     EXPECT_EQ(decided(), "disconnect 99, ");
     connectAndSee();

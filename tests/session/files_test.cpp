@@ -60,7 +60,7 @@ TEST(SessionFiles, ThePasswordFileIsForItsAccountAlone) {
     ASSERT_EQ(stat(file.c_str(), &facts), 0);
     EXPECT_EQ(facts.st_mode & 07777, 0600U);
 
-    for (const mode_t mode : {0640, 0620, 0604, 0602}) {
+    for (const mode_t mode : {0640U, 0620U, 0604U, 0602U}) {
         chmod(file.c_str(), mode);
         EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "chmod 600")) << mode;
     }

@@ -262,6 +262,7 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     for (const char* method : {"session.Status", "session.Ticket string:root"})
         EXPECT_TRUE(!hasAllAccounts() || call(method, "65534").find("AccessDenied") != ~0UL);
     EXPECT_NE(call("vorlSessionInfoJson uint32:1").find("has ended"), std::string::npos);
+    EXPECT_EQ(call("proxyListenStarted uint32:1 boolean:true").find("int64"), ~0UL);
     EXPECT_NE(call("proxyClientConnected uint32:1 string:who").find("not admitted"), ~0UL);
     Vorl::FileDescriptor client = connectAndSee();
     EXPECT_TRUE(isTold("taken root " + where + " .\n"));
@@ -312,6 +313,9 @@ TEST_F(SessionServiceTest, AfterACrashOrAStopWhatItLetInIsEnded) {
     EXPECT_GT(journal.number("requestRdpTransport: *") - first, 10); // beyond all used before
     bus.daemon.signal(SIGKILL);
     EXPECT_EQ(service->wait(), 1);
+    service = run("service");
+    EXPECT_EQ(service->wait(), 1);
+    EXPECT_NE(readFile(home / "service/errors").find("the system bus cannot be reached: "), ~0UL);
 }
 
 TEST_F(SessionServiceTest, TheForegroundHasThePortAndALockEndsConnectionsWhereThatIsTold) {
