@@ -10,9 +10,12 @@
 #include <future>
 #include <thread>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace VorlTest {
 
@@ -75,7 +78,41 @@ TEST(SessionFiles, ThePasswordFileIsForItsAccountAlone) {
     std::filesystem::rename(file, file.string() + "2");
     std::filesystem::create_symlink(file.string() + "2", file);
     EXPECT_TRUE(has(problemOf([&] { return find("alice"); }), "cannot be read"));
-    EXPECT_TRUE(has(problemOfPipe(file, [&] { return find("alice"); }), "must be a file"));
+    EXPECT_TRUE(has(problemOfPipe(file, [&] { return find("alice"); }),
+                    "must be a file of root: chown root /"));
+}
+
+TEST(SessionFiles, ATerminalIsAskedForThePasswordTwiceAndDoesNotShowIt) {
+    const std::filesystem::path directory = makeDirectory(), file = directory / "passwd";
+    std::ofstream(directory / "json") << R"({"password:file": ")" << file.string() << "\"}";
+    const auto type = [&](const std::string& first, const std::string& second) {
+        int terminal = -1;
+        const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (child == 0)
+            execl(VORL_SESSION, VORL_SESSION, "--config", (directory / "json").c_str(), "password",
+                  "root", nullptr);
+        fcntl(terminal, F_SETFL, O_NONBLOCK);
+        std::string shown;
+        const auto shows = [&](const char* text) {
+            for (char byte = 0; read(terminal, &byte, 1) == 1;)
+                shown += byte;
+            return shown.find(text) != std::string::npos;
+        };
+        EXPECT_TRUE(eventually([&] { return shows("log-in: "); })) << shown;
+        EXPECT_EQ(write(terminal, first.data(), first.size()), ssize_t(first.size()));
+        EXPECT_TRUE(eventually([&] { return shows("again: "); })) << shown;
+        EXPECT_EQ(write(terminal, second.data(), second.size()), ssize_t(second.size()));
+        EXPECT_TRUE(
+            eventually([&] { return shows("") && waitpid(child, nullptr, WNOHANG) == child; }));
+        shows("");
+        close(terminal);
+        EXPECT_FALSE(has(shown, "secret")) << shown;
+        return shown;
+    };
+    EXPECT_TRUE(has(type("secret\n", "another\n"), "the two passwords differ"));
+    EXPECT_FALSE(std::filesystem::exists(file));
+    type("secret\n", "secret\n");
+    EXPECT_TRUE(has(readFile(file), "root:"));
 }
 
 TEST(SessionFiles, NoPasswordIsLostWhenSeveralAreSetOrTheDiskIsFull) {

@@ -230,7 +230,7 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
     std::ofstream(hook) << "#!/bin/sh\nexec >>" << told
                         << "\nmkdir busy || echo two at a time\n"
                            "echo \"$1 $VORL_USER $VORL_ADDRESS:$VORL_PORT $VORL_TICKET.\"\n"
-                           "[ -e hang ] && rm hang && exec sleep 60\n"
+                           "[ -e hang ] && rm hang && trap '' TERM && exec sleep 60\n"
                            "rmdir busy\n[ \"$1\" != taken ]\n";
     std::filesystem::permissions(hook, std::filesystem::perms(0700));
     configure(
@@ -263,6 +263,14 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
         EXPECT_TRUE(!hasAllAccounts() || call(method, "65534").find("AccessDenied") != ~0UL);
     EXPECT_NE(call("vorlSessionInfoJson uint32:1").find("has ended"), std::string::npos);
     EXPECT_EQ(call("proxyListenStarted uint32:1 boolean:true").find("int64"), ~0UL);
+    const std::string interface =
+        printed("dbus-send --print-reply --bus=" + bus.address +
+                " --dest=net.qarel.vorl /net/qarel/vorl"
+                " org.freedesktop.DBus.Introspectable.Introspect | tr -d ' \"\n'");
+    const std::string u = "<argtype=u/>", s = "<argtype=s/></signal>";
+    for (const std::string& signal : {"ProxyAllowConnection>" + u + u, "ProxyListenTimeout>" + u,
+                                      "SessionDisconnected>" + u + u + s})
+        EXPECT_NE(interface.find("<signalname=signal" + signal), ~0UL) << interface;
     EXPECT_NE(call("proxyClientConnected uint32:1 string:who").find("not admitted"), ~0UL);
     Vorl::FileDescriptor client = connectAndSee();
     EXPECT_TRUE(isTold("taken root " + where + " .\n"));
