@@ -84,7 +84,8 @@ TEST_F(ResourceFault, WithoutProcessesItGoesOnOnceThereAreSome) {
         ASSERT_EQ(change.wait(), 0) << readFile(home / "errors");
     };
     leave(0); // not even for the acceptance task
-    EXPECT_TRUE(eventually([&] { return manager.next(MSG_DONTWAIT) == "STATUS=Relays: 0"; }));
+    EXPECT_TRUE(eventually([&] { return manager.next() == "READY=1\nSTATUS=Relays: 0"; }));
+    EXPECT_TRUE(eventually([&] { return manager.next(MSG_DONTWAIT).empty(); }));
     expectNothing("signalProxyAllowConnection: exception: Resource temporarily *", before);
     std::this_thread::sleep_for(600ms); // time for another look at the relays
     EXPECT_EQ(manager.next(MSG_DONTWAIT), "") << "nobody is being admitted";

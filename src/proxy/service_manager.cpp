@@ -7,7 +7,8 @@
 namespace Vorl {
 
 void ServiceManager::ready() {
-    sd_notify(0, "READY=1");
+    shown = "STATUS=Relays: 0";
+    sd_notify(0, ("READY=1\n" + shown).c_str());
 }
 
 void ServiceManager::stopping() {

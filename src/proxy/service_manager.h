@@ -11,7 +11,8 @@ namespace Vorl {
 /// was not started by one (NOTIFY_SOCKET is not set).
 class ServiceManager {
 public:
-    /// Reports that the daemon has started. Main thread, before the periodic task runs.
+    /// Reports that the daemon has started, with no relays. Main thread, before the periodic task
+    /// runs.
     void ready();
     /// Reports that the daemon is stopping. Periodic task.
     void stopping();

@@ -144,7 +144,11 @@ TEST(SessionFiles, AConfigurationWithAMistakeIsNotTaken) {
         std::ofstream(file) << text;
         return readConfiguration(file);
     };
-    EXPECT_EQ(read("{}").rules.policy, Policy::Replace);
+    const Rules usual = read("{}").rules;
+    EXPECT_TRUE(usual.policy == Policy::Replace && usual.limit == 10 && !usual.endOnLock &&
+                usual.delayFailedAddresses);
+    const DaemonAddress address = readDaemonAddress(file);
+    EXPECT_TRUE(address.address == "0.0.0.0" && address.port == 3389);
     EXPECT_EQ(read(R"({"connection:policy": "multiallow"})").rules.policy, Policy::Allow);
     EXPECT_EQ(read(R"({"connection:policy": "authlock"})").rules.policy, Policy::Refuse);
     const Rules rules = read(R"({"connection:limit": 3, "connection:endonlock": true,
