@@ -194,6 +194,7 @@ TEST_F(ResourceFault, AForeignWorkDirectoryIsRefused) {
     std::ofstream(daemon.workDirectory / "rdp_transport_2000_0.log") << std::string(100'000, 'x');
     describe(R"("uid": 2000)");
     EXPECT_TRUE(echoes(open(9, 9)));
+    EXPECT_TRUE(journal.saw({"*, /sam-file:*/sam_9_0, *"})) << "made anew";
     EXPECT_EQ(readFile(precious), "kept");
     EXPECT_LT(file_size(daemon.workDirectory / "rdp_transport_2000_0.log"), 50'000u);
 }

@@ -162,6 +162,7 @@ TEST_F(SenderAccountLookUp, HoldsUpNeitherKnownSendersNorTheStop) {
     signal(":1.5", 1);
     signal(":1.6", 2);
     signal(":1.5", 3);
+    bus.signal(":1.5", "signalProxyListenTimeout", 8, "/another/object");
     bus.tell(":1.6", 0);
     signal(":1.6", 4);
     EXPECT_TRUE(heard(2) && heard(4));
@@ -171,7 +172,7 @@ TEST_F(SenderAccountLookUp, HoldsUpNeitherKnownSendersNorTheStop) {
 
     signal(":1.7", 5);
     bus.tell(":1.7", 65534);
-    bus.tell("net.qarel.vorl", 65533);
+    bus.tell("net.qarel.vorl", {});
     EXPECT_TRUE(refused(":1.7, uid: 65534"));
     for (uint32_t i = 0; i <= 1000; ++i) // as many as are held, and one
         signal(":1.8", 6);
