@@ -267,9 +267,9 @@ TEST_F(SessionServiceTest, AFrontIsToldWhomToExpectAndGetsATicket) {
         printed("dbus-send --print-reply --bus=" + bus.address +
                 " --dest=net.qarel.vorl /net/qarel/vorl"
                 " org.freedesktop.DBus.Introspectable.Introspect | tr -d ' \"\n'");
-    const std::string u = "<argtype=u/>", s = "<argtype=s/></signal>";
-    for (const std::string& signal : {"ProxyAllowConnection>" + u + u, "ProxyListenTimeout>" + u,
-                                      "SessionDisconnected>" + u + u + s})
+    for (const std::string signal :
+         {"ProxyAllowConnection><argtype=u/><argtype=u/></", "ProxyListenTimeout><argtype=u/></",
+          "SessionDisconnected><argtype=u/><argtype=u/><argtype=s/></"})
         EXPECT_NE(interface.find("<signalname=signal" + signal), ~0UL) << interface;
     EXPECT_NE(call("proxyClientConnected uint32:1 string:who").find("not admitted"), ~0UL);
     Vorl::FileDescriptor client = connectAndSee();
