@@ -21,7 +21,7 @@ protected:
         }));
     }
 
-    // Starts a process with that number, once it is free.
+    // Starts a process with that number, once it is free; -1 when it does not become free.
     static pid_t startWithNumber(pid_t number) {
         clone_args how{};
         how.exit_signal = SIGCHLD;
@@ -34,7 +34,7 @@ protected:
                 pause();
             return result > 0;
         }));
-        return number;
+        return static_cast<pid_t>(result);
     }
 };
 
